@@ -1,0 +1,24 @@
+/* Everything that libqel offers, in one include. Each family's header stands alone as well. */
+#ifndef QEL_QEL_H
+#define QEL_QEL_H
+
+#include <qel/atomic.h>
+#include <qel/base.h>
+#include <qel/cerrno.h>
+#include <qel/dm.h>
+#include <qel/dm_pf.h>
+#include <qel/dt.h>
+#include <qel/dt_buffer.h>
+#include <qel/hash.h>
+#include <qel/idm.h>
+#include <qel/list.h>
+#include <qel/mem.h>
+#include <qel/ppm.h>
+#include <qel/ptimer.h>
+#include <qel/queue.h>
+#include <qel/shm.h>
+#include <qel/thread.h>
+#include <qel/time.h>
+#include <qel/types.h>
+
+#endif
