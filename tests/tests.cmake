@@ -4,3 +4,7 @@ function(qel_test_properties name)
         set_tests_properties(${name} PROPERTIES ${ARGN})
     endif()
 endfunction()
+
+# The project's own promises: headers, symbols, installation.
+set(QEL_PROJECT_TESTS ${CMAKE_CURRENT_SOURCE_DIR}/project)
+add_test(NAME project.headers COMMAND ${QEL_PROJECT_TESTS}/headers_test.sh ${PROJECT_SOURCE_DIR}/shared/include)
