@@ -11,7 +11,8 @@
 
 namespace qel {
 
-template <class T> class Retained {
+template <class T>
+class Retained {
   public:
     Retained() = default;
     Retained(std::uint32_t pool, std::uint32_t id)

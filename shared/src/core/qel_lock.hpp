@@ -56,7 +56,8 @@ struct SilentLockFailures {
     static void unlock_failed(int) {}
 };
 
-template <class Failures> class QEL_SCOPED_CAPABILITY BasicLocked {
+template <class Failures>
+class QEL_SCOPED_CAPABILITY BasicLocked {
   public:
     explicit BasicLocked(Mutex& mutex) QEL_ACQUIRE(mutex) : mutex_(mutex) { lock(); }
     BasicLocked(const BasicLocked&) = delete;
@@ -65,7 +66,8 @@ template <class Failures> class QEL_SCOPED_CAPABILITY BasicLocked {
 
     // Runs 'body' with the mutex free and takes it again, also when the body ends the thread. The state that
     // the mutex guards may have changed: test it again on the next line.
-    template <class Body> decltype(auto) while_unlocked(Body&& body) QEL_NO_THREAD_SAFETY_ANALYSIS {
+    template <class Body>
+    decltype(auto) while_unlocked(Body&& body) QEL_NO_THREAD_SAFETY_ANALYSIS {
         struct Relock {
             BasicLocked& guard;
             ~Relock() { guard.lock(); }

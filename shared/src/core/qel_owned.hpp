@@ -18,7 +18,8 @@
 namespace qel {
 
 // Holds 'Value', which 'Close' gives back; a value equal to 'Empty' is nothing.
-template <class Value, auto Close, Value Empty = Value{}> class Unique {
+template <class Value, auto Close, Value Empty = Value{}>
+class Unique {
   public:
     constexpr Unique() = default;
     explicit constexpr Unique(Value value) : value_(value) {}
@@ -42,7 +43,8 @@ template <class Value, auto Close, Value Empty = Value{}> class Unique {
 };
 
 // A plain record in named memory. Records are plain data: they are zeroed, never constructed or destroyed.
-template <class T> class Owned {
+template <class T>
+class Owned {
     static_assert(std::is_trivially_destructible_v<T>,
                   "named memory is given back without a destructor call");
 
@@ -68,12 +70,14 @@ template <class T> class Owned {
 };
 
 // 'count' zeroed records of T under 'tag', or an empty owner when memory is short.
-template <class T> Owned<T> allocate_zeroed(qel_tag_e tag, std::size_t count = 1) {
+template <class T>
+Owned<T> allocate_zeroed(qel_tag_e tag, std::size_t count = 1) {
     return Owned<T>{static_cast<T*>(qel_named_calloc_(count, sizeof(T), qel_tag_e_get_string(tag), 0))};
 }
 
 // Takes a step back unless keep() confirms it. Stands where the step succeeded.
-template <class Step> class [[nodiscard]] Undo {
+template <class Step>
+class [[nodiscard]] Undo {
   public:
     explicit Undo(Step step) : step_(std::move(step)) {}
     Undo(const Undo&) = delete;

@@ -60,7 +60,8 @@ int set_native_priority(pthread_attr_t* native, std::uint32_t priority_class) {
 }
 
 // Gives out one told field of a record.
-template <class Field> int get_field(const qel_thread_attr* attr, Field qel_thread_attr::*field, Field* out) {
+template <class Field>
+int get_field(const qel_thread_attr* attr, Field qel_thread_attr::*field, Field* out) {
     if (!usable(attr) || out == nullptr) return EINVAL;
     *out = attr->*field;
     return 0;

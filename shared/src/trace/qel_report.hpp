@@ -18,7 +18,8 @@
 namespace qel {
 
 // A text as a template argument.
-template <std::size_t N> struct FixedText {
+template <std::size_t N>
+struct FixedText {
     char text[N]{};
     consteval FixedText(const char (&literal)[N]) {
         for (std::size_t i = 0; i < N; ++i) text[i] = literal[i];
@@ -28,7 +29,8 @@ template <std::size_t N> struct FixedText {
 // What a conversion takes from the argument list.
 enum class ValueKind : std::uint8_t { none, word32, word64, string };
 
-template <class Value> constexpr ValueKind kind_of() {
+template <class Value>
+constexpr ValueKind kind_of() {
     if constexpr (std::is_convertible_v<Value, const char*>) return ValueKind::string;
     if constexpr (std::is_pointer_v<Value> || sizeof(Value) == 8) return ValueKind::word64;
     if constexpr (std::is_integral_v<Value> || std::is_enum_v<Value>) return ValueKind::word32;
@@ -61,7 +63,8 @@ constexpr Conversions parse_conversions(const char* format) {
 
 // True when 'format' takes a label (a string) somewhere among its conversions first or, for texts that carry
 // no label of their own, exactly the values.
-template <class... Values> constexpr bool conversions_match(const char* format) {
+template <class... Values>
+constexpr bool conversions_match(const char* format) {
     constexpr std::array<ValueKind, sizeof...(Values) + 1> given{ValueKind::string, kind_of<Values>()...};
     Conversions wanted = parse_conversions(format);
     if (wanted.count != given.size()) return false;
@@ -70,14 +73,16 @@ template <class... Values> constexpr bool conversions_match(const char* format) 
     return true;
 }
 
-template <FixedText Label> inline constinit std::uint32_t trace_point = QEL_DT_TP_UNREGISTERED;
+template <FixedText Label>
+inline constinit std::uint32_t trace_point = QEL_DT_TP_UNREGISTERED;
 
 // Gives the library's error buffer, making it on first need; null while it can't be made, or while this very
 // thread is making it.
 qel_dt_buffer_handle error_buffer();
 
 // Reports a failure to the error buffer. The label is the text's first argument.
-template <FixedText Label, FixedText Format, class... Values> void report(Values... values) {
+template <FixedText Label, FixedText Format, class... Values>
+void report(Values... values) {
     static_assert(conversions_match<Values...>(Format.text),
                   "the label's %s comes first, then one conversion a value");
     // A report that can't be written is dropped: it must not disturb the call that it reports on.
