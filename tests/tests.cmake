@@ -8,3 +8,6 @@ endfunction()
 # The project's own promises: headers, symbols, installation.
 set(QEL_PROJECT_TESTS ${CMAKE_CURRENT_SOURCE_DIR}/project)
 add_test(NAME project.headers COMMAND ${QEL_PROJECT_TESTS}/headers_test.sh ${PROJECT_SOURCE_DIR}/shared/include)
+
+# These write the machine's start-up parameter file.
+qel_test_properties(core.ppm_test RESOURCE_LOCK ppm_file)

@@ -18,8 +18,6 @@
 #include <qel/ppm.h>
 #include <qel/shm.h>
 
-#pragma weak qel_ppm_set_string
-
 namespace qel_test {
 
 namespace fs = std::filesystem;
@@ -199,7 +197,7 @@ int mapping_count(const std::string& part) {
 
 int main(int argc, char** argv) {
     using namespace qel_test;
-    if (qel_ppm_set_string != nullptr) qel_ppm_set_string("qel.shm.root", shm_root().c_str());
+    qel_ppm_set_string("qel.shm.root", shm_root().c_str());
     if (argc >= 3 && std::strcmp(argv[1], "--role") == 0) {
         auto found = roles().find(argv[2]);
         if (found == roles().end()) return 126;
