@@ -3,10 +3,13 @@
 
 #include <qel/hash.h>
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <array>
 #include <memory>
 #include <random>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -159,6 +162,17 @@ TEST(HashSet, changes_during_a_walk_wait_for_its_end_and_step_through_the_primes
     EXPECT_EQ(visits, 1);
     EXPECT_EQ(set->count, 0);
     EXPECT_EQ(set->size, 13u);
+}
+
+TEST(HashSet, handler_that_ends_its_thread_lets_the_set_go) {
+    Set set = make_set();
+    Element element{};
+    qel_hashset_insert(set.get(), &element);
+    auto end = [](qel_hashset*, void*, void*) -> int { pthread_exit(nullptr); };
+    std::thread([&] { qel_hashset_iterate(set.get(), end, nullptr); }).join();
+    EXPECT_EQ(set->iterating, 0);
+    qel_hashset_remove(set.get(), &element);
+    EXPECT_EQ(qel_hashset_first(set.get()), nullptr);
 }
 
 TEST(HashSet, duplicates_are_found_newest_first_until_a_resize_turns_them_round) {
