@@ -1,0 +1,58 @@
+// What shared segments and shared locks need of the platform.
+//
+// Preconditions: a path is an object's whole name, as "/element.heap"; a Descriptor is open; a size is not 0;
+// a mutex has been initialised by qel_init_shared_mutex(), by whichever process. Results are errno values,
+// and outputs are written on success only. Nothing here reports, allocates from named memory or takes a lock,
+// so all of it may run while the error buffer is being made.
+#pragma once
+
+#include <pthread.h>
+
+#include "core/qel_owned.hpp"
+
+namespace qel::shm_platform {
+
+void close_descriptor(int descriptor);
+using Descriptor = Unique<int, close_descriptor, -1>;
+
+// Tells two objects apart that had one name at different times.
+struct Identity {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    friend bool operator==(const Identity&, const Identity&) = default;
+};
+
+struct Status {
+    std::uint64_t size = 0;
+    Identity identity;
+};
+
+// ENOENT without the object; EACCES also while its maker hasn't granted it yet.
+int open_object(const char* path, Descriptor& out);
+
+// Makes the object, of size 0 and with what the umask leaves of its mode; EEXIST if it exists.
+int create_object(const char* path, Descriptor& out);
+// Opens the object to every user, mode 0777.
+int grant_to_everybody(const Descriptor& object);
+
+int inspect(const Descriptor& object, Status& out);
+
+// Gives the object its size in one step, with the memory behind it reserved first if 'reserved' says so:
+// ENOSPC when the file system is full, where the first touch of a page would be a SIGBUS.
+int set_size(const Descriptor& object, std::uint32_t size, bool reserved);
+
+int map_object(const Descriptor& object, std::uint32_t size, void*& out);
+void unmap(void* address, std::size_t size);
+
+int remove_object(const char* path);
+// Removes the name if it still is that of 'identity' and not of an object that somebody made since.
+void remove_if_same(const char* path, const Identity& identity);
+
+// Waits for the mutex for 'milliseconds' at most; ETIMEDOUT then.
+int lock_for(pthread_mutex_t& mutex, std::uint32_t milliseconds);
+// The thread ID in the lock word, 0 if nobody holds the mutex; a hint, as it may change at any time.
+std::uint32_t holder_of(const pthread_mutex_t& mutex);
+// Whether the kernel knows this thread ID, in the PID namespace of this process.
+bool thread_exists(std::uint32_t thread);
+
+}  // namespace qel::shm_platform

@@ -1,0 +1,99 @@
+// Mutexes in shared memory, and the one guard by which every one of them is taken.
+//
+// The mutexes are plain process-shared ones, not robust: a process that dies holding one leaves it held. But
+// a waiter may be stranded although the mutex is free: the wake-up goes to one waiter, and if that is killed
+// before it takes the mutex, the others sleep on. So nobody sleeps without end: a lock is a try, and then
+// waits of 50 ms growing to 1 s, each of which looks at the mutex afresh.
+//
+// A wait that has become long is handed to the guard's policy once, with what is known of the holder. The
+// policy reports it, as the trace stands above this layer:
+//
+//     struct RingLockFailures : SilentSharedLockFailures {
+//         static void waited_long(const LongWait& wait) {
+//             report<"RING1", "ERROR: %s: waited %u s for a shared lock, held by %u, alive %u">(
+//                 wait.seconds, wait.holder, wait.holder_lives);
+//         }
+//     };
+//     using RingLocked = BasicSharedLocked<RingLockFailures>;
+#pragma once
+
+#include <qel/shm.h>
+
+#include <cstdint>
+#include <type_traits>
+
+#include "core/qel_lock.hpp"
+
+namespace qel {
+
+// 'holder' is the thread ID in the lock word, in the holder's PID namespace; 0 for nobody.
+struct LongWait {
+    std::uint32_t seconds;
+    std::uint32_t holder;
+    std::uint32_t holder_lives;
+};
+using LongWaitHandler = void (*)(const LongWait& wait);
+
+// A pthread_mutex_t in a segment's record. Whoever makes the segment initialises it, once.
+class QEL_CAPABILITY("mutex") SharedMutex {
+  public:
+    int init() { return qel_init_shared_mutex(&native_); }
+    // 0, or the errno of a mutex that can't be taken. Waits for a holder without end: nothing tells a dead
+    // one from a slow one.
+    int lock(LongWaitHandler waited_long) QEL_ACQUIRE();
+    int unlock() QEL_RELEASE() { return pthread_mutex_unlock(&native_); }
+    // For a wait on a condition variable by the thread that holds the mutex.
+    pthread_mutex_t* native() { return &native_; }
+
+  private:
+    pthread_mutex_t native_;
+};
+static_assert(sizeof(SharedMutex) == sizeof(pthread_mutex_t) && std::is_standard_layout_v<SharedMutex>);
+
+// For the layers below the trace: a failure has nowhere to be reported.
+struct SilentSharedLockFailures : SilentLockFailures {
+    static void waited_long(const LongWait&) {}
+};
+
+// As BasicLocked, but a mutex that could not be taken is not given back: that would free another's lock.
+template <class Failures>
+class QEL_SCOPED_CAPABILITY BasicSharedLocked {
+  public:
+    explicit BasicSharedLocked(SharedMutex& mutex) QEL_ACQUIRE(mutex) : mutex_(mutex) { lock(); }
+    BasicSharedLocked(const BasicSharedLocked&) = delete;
+    BasicSharedLocked& operator=(const BasicSharedLocked&) = delete;
+    ~BasicSharedLocked() QEL_RELEASE() { unlock(); }
+
+    // Whether the mutex is held, and not refused by the system as none at all.
+    explicit operator bool() const { return held_; }
+
+    // Runs 'body' with the mutex free and takes it again, also when the body ends the thread. Test the state
+    // that the mutex guards again on the next line.
+    template <class Body>
+    decltype(auto) while_unlocked(Body&& body) QEL_NO_THREAD_SAFETY_ANALYSIS {
+        struct Relock {
+            BasicSharedLocked& guard;
+            ~Relock() { guard.lock(); }
+        };
+        unlock();
+        Relock relock{*this};
+        return body();
+    }
+
+  private:
+    void lock() QEL_NO_THREAD_SAFETY_ANALYSIS {
+        int error = mutex_.lock(Failures::waited_long);
+        held_ = error == 0;
+        if (!held_) Failures::lock_failed(error);
+    }
+    void unlock() QEL_NO_THREAD_SAFETY_ANALYSIS {
+        if (!held_) return;
+        held_ = false;
+        if (int error = mutex_.unlock(); error != 0) Failures::unlock_failed(error);
+    }
+
+    SharedMutex& mutex_;
+    bool held_ = false;
+};
+
+}  // namespace qel
