@@ -6,11 +6,11 @@
  *     qel_ppm_set_string("qel.shm.root", "/router1.");        before the first shared-memory object is made
  *     qel_ppm_set_integer("qel.qdm.max.instances", 64);
  *
- * So does the optional start-up file "/tmp/qeltest-ppm.conf", read once per process, by the first call of this
- * family that isn't refused and isn't qel_ppm_destroy. It holds lines "key = value"; a line "[name]" limits
- * those that follow to the process whose environment variable QELTEST_PROC is that name, a line "[]" ends the
- * limit, "#" begins a comment. A value that strtol() reads whole in base 0 is an integer, anything else a
- * string. A file that is absent or isn't a regular file is no file; nothing is told about it.
+ * So does the optional start-up file "/tmp/qeltest-ppm.conf", read once per process, by the first call of
+ * this family that isn't refused and isn't qel_ppm_destroy. It holds lines "key = value"; a line "[name]"
+ * limits those that follow to the process whose environment variable QELTEST_PROC is that name, a line "[]"
+ * ends the limit, "#" begins a comment. A value that strtol() reads whole in base 0 is an integer, anything
+ * else a string. A file that is absent or isn't a regular file is no file; nothing is told about it.
  *
  * Keys keep their first 62 characters, strings their first 31; longer ones are cut, on lookups too. A key
  * holds one value, and one that holds the other kind reads as absent.
@@ -52,8 +52,8 @@ QEL_API int qel_ppm_get_string(const char* key, const char* fallback, const char
  * nothing has changed. */
 QEL_API int qel_ppm_set_integer(const char* key, uint32_t value);
 
-/** Stores a copy of 'value', in place of whatever the key held. Returns 0; EINVAL for a null 'key' or 'value';
- * ENOMEM, and then nothing has changed. */
+/** Stores a copy of 'value', in place of whatever the key held. Returns 0; EINVAL for a null 'key' or
+ * 'value'; ENOMEM, and then nothing has changed. */
 QEL_API int qel_ppm_set_string(const char* key, const char* value);
 
 /** Takes a key out. A null key or one that isn't there is nothing to do. */

@@ -54,16 +54,15 @@ class Parameters {
     Parameter* find_or_add_locked(const char* key) QEL_REQUIRES(mutex);
     Parameter* add_locked(const char* key) QEL_REQUIRES(mutex);
 
-    qel_hashset* set_ QEL_GUARDED_BY(mutex)
-    = nullptr;
-    bool loaded_ QEL_GUARDED_BY(mutex)
-    = false;
+    qel_hashset* set_ QEL_GUARDED_BY(mutex) = nullptr;
+    bool loaded_ QEL_GUARDED_BY(mutex) = false;
 };
 
 constinit Parameters parameters;
 
 // Copies what fits of 'text' and fills the rest with NULs.
-template <std::size_t N> void fill(char (&field)[N], const char* text) {
+template <std::size_t N>
+void fill(char (&field)[N], const char* text) {
     std::size_t length = strnlen(text, N - 1);
     std::memcpy(field, text, length);
     std::memset(field + length, 0, N - length);
