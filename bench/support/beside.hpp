@@ -1,0 +1,60 @@
+// Measures ours and a peer side by side: a batch of one, a batch of the other, in turn, so that both see the
+// same machine. The table's columns are nanoseconds an operation (median and 99th percentile of the batches)
+// and 'ratio', ours : peer by the medians; below 1 is faster.
+//
+//     void lookup(benchmark::State& state) {
+//         qel_bench::beside(state, 1000, [] { ...1000 of ours... }, [] { ...1000 of the peer's... });
+//     }
+//     BENCHMARK(lookup)->UseManualTime();
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <vector>
+
+namespace qel_bench {
+
+class Samples {
+  public:
+    template <class Batch>
+    double time(Batch& batch) {
+        auto start = std::chrono::steady_clock::now();
+        batch();
+        std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+        seconds_.push_back(taken.count());
+        return taken.count();
+    }
+    // The value below which 'share' of the samples lie, in nanoseconds an operation.
+    double nanoseconds(double share, std::size_t operations) {
+        std::ranges::sort(seconds_);
+        double place = share * static_cast<double>(seconds_.size() - 1);
+        return seconds_[static_cast<std::size_t>(place)] * 1e9 / static_cast<double>(operations);
+    }
+
+  private:
+    std::vector<double> seconds_;
+};
+
+template <class Ours, class Peer>
+void beside(benchmark::State& state, std::size_t operations, Ours ours, Peer peer) {
+    Samples of_ours;
+    Samples of_peer;
+    ours();
+    peer();
+    for (auto _ : state) {
+        state.SetIterationTime(of_ours.time(ours));
+        of_peer.time(peer);
+    }
+    double median = of_ours.nanoseconds(0.5, operations);
+    double peer_median = of_peer.nanoseconds(0.5, operations);
+    state.counters["ops/s"] = 1e9 / median;
+    state.counters["ns"] = median;
+    state.counters["ns_p99"] = of_ours.nanoseconds(0.99, operations);
+    state.counters["peer_ns"] = peer_median;
+    state.counters["ratio"] = median / peer_median;
+}
+
+}  // namespace qel_bench
