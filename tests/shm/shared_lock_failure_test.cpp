@@ -130,9 +130,6 @@ TEST_F(SharedLock, guard_lets_go_and_refuses_junk) {
     EXPECT_FALSE(locked);
     EXPECT_EQ(RecordedFailures::lock_error, EINVAL);
 
-    EXPECT_EQ(qel_init_shared_mutex(nullptr), EINVAL);
     EXPECT_EQ(qel_init_shared_condvar(nullptr), EINVAL);
-    pthread_cond_t condvar;
-    EXPECT_EQ(qel_init_shared_condvar(&condvar), 0);
-    EXPECT_EQ(qel_revive_and_monitor_mutex(nullptr), 0);
+    EXPECT_EQ(qel_revive_and_monitor_mutex(table().mutex.native()), 0);
 }
