@@ -47,7 +47,6 @@ class HeldWalk {
 // The first element down the chain from 'link' that 'probe' matches, or null.
 void* find_in_chain(const HashSet& set, qel_hash_link* link, const void* probe) {
     for (; link != nullptr; link = link->next) {
-        __builtin_prefetch(link->next);
         void* element = element_of(set, link);
         if (set.match(probe, element, set.context)) return element;
     }
@@ -105,6 +104,10 @@ void qel_hashset_remove(qel_hashset* set, void* element) {
     if (set == nullptr || element == nullptr) return;
     qel::HashSet& table = *qel::inner(set);
     qel_hash_link* link = qel::link_of(table, element);
+    // Refuses what left the set, where that still shows. The load also brings the word in early: stores that
+    // miss the cache wait for each other.
+    if (link->pprev == nullptr || *link->pprev != link) return;
+    qel::fetch(link->next);
     for (qel::HashWalk* walk = table.walks; walk != nullptr; walk = walk->outer)
         if (walk->next == link) walk->next = link->next;
     *link->pprev = link->next;

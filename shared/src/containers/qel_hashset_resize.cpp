@@ -77,8 +77,8 @@ class Transfer {
     // arrived.
     static void fetch_ahead(qel_hash_link** buckets, std::uint32_t bucket, std::uint32_t size) {
         if (size - bucket <= 2 * kAhead) return;
-        __builtin_prefetch(buckets[bucket + 2 * kAhead]);
-        if (qel_hash_link* head = buckets[bucket + kAhead]) __builtin_prefetch(head->next);
+        fetch(buckets[bucket + 2 * kAhead]);
+        if (qel_hash_link* head = buckets[bucket + kAhead]) fetch(head->next);
     }
 
     void take_chain(qel_hash_link* link) {
@@ -92,7 +92,7 @@ class Transfer {
     }
 
     void link_batch() {
-        for (std::uint32_t i = 0; i < batched_; ++i) __builtin_prefetch(*batch_[i].bucket, 1);
+        for (std::uint32_t i = 0; i < batched_; ++i) fetch(*batch_[i].bucket);
         for (std::uint32_t i = 0; i < batched_; ++i) push_link(batch_[i].bucket, batch_[i].link);
         batched_ = 0;
     }
