@@ -38,14 +38,16 @@ class Samples {
     std::vector<double> seconds_;
 };
 
-template <class Ours, class Peer>
-void beside(benchmark::State& state, std::size_t operations, Ours ours, Peer peer) {
+// 'prepare_*' run before each batch and aren't timed.
+template <class PrepareOurs, class Ours, class PreparePeer, class Peer>
+void beside(benchmark::State& state, std::size_t operations, PrepareOurs prepare_ours, Ours ours,
+            PreparePeer prepare_peer, Peer peer) {
     Samples of_ours;
     Samples of_peer;
-    ours();
-    peer();
     for (auto _ : state) {
+        prepare_ours();
         state.SetIterationTime(of_ours.time(ours));
+        prepare_peer();
         of_peer.time(peer);
     }
     double median = of_ours.nanoseconds(0.5, operations);
@@ -55,6 +57,13 @@ void beside(benchmark::State& state, std::size_t operations, Ours ours, Peer pee
     state.counters["ns_p99"] = of_ours.nanoseconds(0.99, operations);
     state.counters["peer_ns"] = peer_median;
     state.counters["ratio"] = median / peer_median;
+}
+
+template <class Ours, class Peer>
+void beside(benchmark::State& state, std::size_t operations, Ours ours, Peer peer) {
+    ours();
+    peer();
+    beside(state, operations, [] {}, ours, [] {}, peer);
 }
 
 }  // namespace qel_bench
