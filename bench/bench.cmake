@@ -9,3 +9,5 @@ function(qel_bench_peers name)
         endif()
     endforeach()
 endfunction()
+
+qel_bench_peers(idm_bench libqb)
