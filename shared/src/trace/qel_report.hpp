@@ -4,13 +4,15 @@
 //
 // A report names its label (a family word and a number, used at one site only; scripts/lint holds that), its
 // text, and its values. The label is the first argument of the text. Each label has its own trace point word,
-// so a site registers its text once and costs a few atomic operations from then on. A report never changes a
-// result.
+// so a site registers its text once and costs a few atomic operations from then on. A report changes neither
+// a result nor 'errno'.
 #pragma once
 
 #include <qel/dt.h>
 
 #include <array>
+#include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
@@ -31,38 +33,54 @@ enum class ValueKind : std::uint8_t { none, word32, word64, string };
 
 template <class Value>
 constexpr ValueKind kind_of() {
+    constexpr bool whole = std::is_integral_v<Value>;
+    // An enumeration is passed unwidened, so one narrower than a word would be read with garbage beside it.
+    constexpr bool listed = std::is_enum_v<Value> && sizeof(Value) >= 4;
     if constexpr (std::is_convertible_v<Value, const char*>) return ValueKind::string;
-    if constexpr (std::is_pointer_v<Value> || sizeof(Value) == 8) return ValueKind::word64;
-    if constexpr (std::is_integral_v<Value> || std::is_enum_v<Value>) return ValueKind::word32;
+    if constexpr (std::is_pointer_v<Value>) return ValueKind::word64;
+    if constexpr (whole || listed) return sizeof(Value) == 8 ? ValueKind::word64 : ValueKind::word32;
     return ValueKind::none;
 }
 
-// The kinds that the conversions of 'format' take, in order; 'count' is 99 for a text that the trace can't
-// hold.
+// The kinds that the conversions of 'format' take, in order; 'count' is kUnusable for a text that no trace
+// point can hold.
 struct Conversions {
-    std::array<ValueKind, 16> kinds{};
+    static constexpr std::size_t kUnusable = 99;
+    std::array<ValueKind, QEL_DT_TP_MAX_ARGUMENTS> kinds{};
     std::size_t count = 0;
 };
 
-constexpr Conversions parse_conversions(const char* format) {
-    Conversions found;
-    for (const char* at = format; *at != '\0'; ++at) {
-        if (*at != '%') continue;
-        ++at;
-        if (*at == '%') continue;
-        while (*at == '#' || *at == '.' || *at == '-' || (*at >= '0' && *at <= '9')) ++at;
-        bool wide = false;
-        for (; *at == 'l'; ++at) wide = true;
-        bool number = *at == 'd' || *at == 'u' || *at == 'x' || *at == 'i' || *at == 'X';
-        if (found.count == found.kinds.size() || !(number || *at == 's' || *at == 'p')) return {{}, 99};
-        ValueKind word = wide || *at == 'p' ? ValueKind::word64 : ValueKind::word32;
-        found.kinds[found.count++] = *at == 's' ? ValueKind::string : word;
-    }
-    return found;
+constexpr bool is_one_of(char letter, const char* letters) {
+    for (; *letters != '\0'; ++letters)
+        if (*letters == letter) return true;
+    return false;
 }
 
-// True when 'format' takes a label (a string) somewhere among its conversions first or, for texts that carry
-// no label of their own, exactly the values.
+// Reads the conversion whose "%" lies before 'at' and moves 'at' to its letter.
+constexpr ValueKind parse_conversion(const char*& at) {
+    while (is_one_of(*at, "#.-0123456789")) ++at;
+    bool wide = false;
+    for (; *at == 'l'; ++at) wide = true;
+    if (*at == 's' && !wide) return ValueKind::string;
+    if (*at == 'p' && !wide) return ValueKind::word64;
+    if (!is_one_of(*at, "dioxXu")) return ValueKind::none;
+    return wide ? ValueKind::word64 : ValueKind::word32;
+}
+
+constexpr Conversions parse_conversions(const char* format) {
+    constexpr Conversions unusable{{}, Conversions::kUnusable};
+    Conversions found;
+    const char* at = format;
+    for (; *at != '\0'; ++at) {
+        if (*at != '%' || *++at == '%') continue;
+        ValueKind kind = parse_conversion(at);
+        if (kind == ValueKind::none || found.count == found.kinds.size()) return unusable;
+        found.kinds[found.count++] = kind;
+    }
+    return at - format < QEL_DT_TP_FORMAT_SIZE ? found : unusable;
+}
+
+// True when the first conversion of 'format' takes a label, and each other one its value.
 template <class... Values>
 constexpr bool conversions_match(const char* format) {
     constexpr std::array<ValueKind, sizeof...(Values) + 1> given{ValueKind::string, kind_of<Values>()...};
@@ -73,18 +91,58 @@ constexpr bool conversions_match(const char* format) {
     return true;
 }
 
+static_assert(conversions_match<int, const char*, std::uint64_t, void*>("%s rc=%-3d %s %#lx%% %p"));
+static_assert(!conversions_match<std::uint64_t>("%s %u") && !conversions_match<double>("%s %lu"));
+static_assert(!conversions_match<>("no label") && !conversions_match<int>("%s %*d"));
+
 template <FixedText Label>
 inline constinit std::uint32_t trace_point = QEL_DT_TP_UNREGISTERED;
 
-// Gives the library's error buffer, making it on first need; null while it can't be made, or while this very
-// thread is making it.
-qel_dt_buffer_handle error_buffer();
+// A trace buffer that is made when it is first needed. 'size_key' names the parameter that overrides 'size',
+// in bytes; null for a buffer of fixed size.
+struct BufferSource {
+    const char* name;
+    const char* size_key;
+    std::uint32_t size;
+};
+
+// Makes the buffer, or attaches to it, and installs it at 'place' unless another thread was faster; gives the
+// one that is installed, or null.
+qel_dt_buffer_handle make_buffer(qel_dt_buffer_handle& place, const BufferSource& source);
+qel_dt_buffer_handle make_error_buffer();
+
+// The buffer installed at 'place', a family's static, made on first need; null while it can't be made.
+inline qel_dt_buffer_handle buffer_at(qel_dt_buffer_handle& place, const BufferSource& source) {
+    qel_dt_buffer_handle buffer = std::atomic_ref{place}.load(std::memory_order_acquire);  // B1
+    return buffer != nullptr ? buffer : make_buffer(place, source);
+}
+
+// The library's error buffer, made on first need; null while it can't be made, and on a thread that is making
+// it.
+inline qel_dt_buffer_handle error_buffer() {
+    qel_dt_buffer_handle buffer =
+        std::atomic_ref{qel_gen_error_buffer}.load(std::memory_order_acquire);  // B1
+    return buffer != nullptr ? buffer : make_error_buffer();
+}
+
+// Puts 'errno' back at the end of a scope.
+class ErrnoKept {
+  public:
+    ErrnoKept() = default;
+    ErrnoKept(const ErrnoKept&) = delete;
+    ErrnoKept& operator=(const ErrnoKept&) = delete;
+    ~ErrnoKept() { errno = kept_; }
+
+  private:
+    int kept_ = errno;
+};
 
 // Reports a failure to the error buffer. The label is the text's first argument.
 template <FixedText Label, FixedText Format, class... Values>
 void report(Values... values) {
     static_assert(conversions_match<Values...>(Format.text),
                   "the label's %s comes first, then one conversion a value");
+    ErrnoKept kept;
     // A report that can't be written is dropped: it must not disturb the call that it reports on.
     static_cast<void>(_qel_dt_log_filter_adv(nullptr, error_buffer(), 0, 0, 0, 0, &trace_point<Label>,
                                              Format.text, Label.text, values...));
