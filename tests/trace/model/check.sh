@@ -1,0 +1,28 @@
+#!/bin/sh
+# Searches the model of the reservation. First with each rule broken, where an error has to be found, then as it is,
+# where none may be. Usage: check.sh MODEL
+set -eu
+model=$(realpath "$1")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+# search EXPECTED-ERRORS FLAGS...
+search() {
+    expected=$1
+    shift
+    spin -a "$@" "$model" > spin.out
+    ${CC:-cc} -O2 -w -DSAFETY -DCOLLAPSE -DMEMLIM=1500 -o pan pan.c
+    ./pan -m200000 -n -w24 > pan.out
+    found=$(sed -n 's/.*errors: *\([0-9]*\).*/\1/p' pan.out)
+    echo "$*: $(grep 'states, stored' pan.out || true) errors: $found"
+    if grep -q 'max search depth too small\|out of memory\|memory limit' pan.out; then
+        echo "the search is not complete"
+        exit 1
+    fi
+    [ "$found" = "$expected" ] || exit 1
+}
+
+search 1 -DIGNORE_LOST_CURSOR
+search 1 -DSKIP_FROM_CURSOR
+search 0
