@@ -11,3 +11,12 @@ add_test(NAME project.headers COMMAND ${QEL_PROJECT_TESTS}/headers_test.sh ${PRO
 
 # These write the machine's start-up parameter file.
 qel_test_properties(core.ppm_test RESOURCE_LOCK ppm_file)
+
+# The reservation of trace blocks, searched through all interleavings where spin is installed.
+find_program(QEL_SPIN spin)
+if(QEL_SPIN)
+    add_test(NAME trace.reserve_model
+             COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/trace/model/check.sh
+                     ${CMAKE_CURRENT_SOURCE_DIR}/trace/model/reserve.pml)
+    qel_test_properties(trace.reserve_model TIMEOUT 240)
+endif()

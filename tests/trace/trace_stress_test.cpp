@@ -8,7 +8,12 @@ using namespace qel_test;
 namespace {
 
 constexpr const char* kFormat = "%u %lx %s %u";
-constexpr int kThreads = 4;
+#ifdef __SANITIZE_THREAD__
+// The sanitizer does not see what another process orders between two threads of this one.
+constexpr uint32_t kThreads = 1;
+#else
+constexpr uint32_t kThreads = 4;
+#endif
 constexpr int kEntries = 1500;
 
 uint32_t checksum(uint32_t writer, uint64_t number, const char* text) {
@@ -25,10 +30,10 @@ void write_entries(qel_dt_buffer_handle buffer, uint32_t writer) {
     }
 }
 
-void write_entries_in_threads(qel_dt_buffer_handle buffer) {
+void write_entries_in_threads(qel_dt_buffer_handle buffer, uint32_t count) {
     std::vector<std::thread> threads;
-    for (uint32_t i = 0; i < kThreads; ++i)
-        threads.emplace_back(write_entries, buffer, static_cast<uint32_t>(getpid()) * kThreads + i);
+    for (uint32_t i = 0; i < count; ++i)
+        threads.emplace_back(write_entries, buffer, static_cast<uint32_t>(getpid()) * 8 + i);
     for (std::thread& thread : threads) thread.join();
 }
 
@@ -59,8 +64,19 @@ uint32_t count_sound_entries(const RawBuffer& raw) {
 QEL_ROLE(stress_writer) {
     qel_dt_buffer_handle buffer = nullptr;
     if (qel_dt_buffer_open(&buffer, "stress") != 0) return 1;
-    for (say("ready"); !hear().empty(); say("done")) write_entries_in_threads(buffer);
+    for (say("ready"); !hear().empty(); say("done")) write_entries_in_threads(buffer, kThreads);
     return qel_dt_buffer_close(&buffer);
+}
+
+TEST(TraceStress, threads_of_one_process_write_every_entry_once) {
+    Buffer buffer{"threads", 16 << 20};
+    write_entries_in_threads(buffer, 4);
+    EXPECT_EQ(attributes(buffer).count, 4u * kEntries);
+    EXPECT_EQ(count_sound_entries(buffer.raw()), 4u * kEntries);
+    EXPECT_EQ(buffer.raw().word(kSequence), 4u * kEntries + 1);
+    Buffer small{"small"};
+    write_entries_in_threads(small, 4);
+    EXPECT_GT(count_sound_entries(small.raw()), 20u);
 }
 
 TEST(TraceStress, no_entry_is_torn_while_others_clear_and_resize_and_die) {

@@ -1,3 +1,23 @@
+/** Trace buffers: circular logs in shared memory that outlive their writers.
+ *
+ * A buffer has a name and is one segment; any thread of any process that opened it may write at any time,
+ * without a lock. An entry stores no text: a format goes once into a list that the whole machine shares, and
+ * an entry holds its index there, a time stamp and the raw arguments. A reader formats them later, also after
+ * a crash.
+ *
+ *     qel_dt_buffer_handle buffer = NULL;
+ *     static uint32_t this_tp = QEL_DT_TP_UNREGISTERED;
+ *
+ *     qel_dt_buffer_init(&buffer, "my.events", 0, 65536);
+ *     if (qel_dt_trace_enabled(buffer, QEL_DT_LEVEL_DEBUG))
+ *         _qel_dt_log_filter_adv(NULL, buffer, 0, 0, 0, 0, &this_tp, "link %d is %s", index, state);
+ *     qel_dt_buffer_close(&buffer);
+ *
+ * Threads: all calls may run side by side on one handle, but closing and destroying, which must be the last
+ * use of it. A fork leaves both processes with usable handles. Results are errno numbers; 0 is success.
+ *
+ * Operations that change a buffer run one at a time in the whole machine; a second one gets EAGAIN. If a
+ * process dies in the middle of one, the later ones get EAGAIN too, while entries are written as before. */
 #ifndef QEL_DT_BUFFER_H
 #define QEL_DT_BUFFER_H
 
@@ -19,6 +39,8 @@ QEL_BEGIN_DECLS
 
 typedef struct qel_dt_buffer* qel_dt_buffer_handle;
 
+/** What a buffer is and holds. Sizes are the bytes that were asked for, not those of the segment. 'count' is
+ * the number of entries since the last clear, 'dropped' those lost to failures. */
 typedef struct qel_dt_buffer_attr {
     char name[QEL_DT_NAME_SIZE];
     uint32_t reserved;
@@ -36,6 +58,10 @@ typedef struct qel_dt_buffer_attr {
 #define QEL_DT_TP_MAX_ARGUMENTS 16
 #define QEL_DT_TP_FORMAT_SIZE 128
 
+/** A format of the shared list. 'types' has 4 bits an argument, the first one lowest: 1 integer, 2 64-bit
+ * integer or pointer, 3 string, 4 pointer to an IPv4 address, 5 to an IPv6 address, 6 to a MAC address, 7
+ * IPv4 address by value. 'fixed_size' is what the numbers take in an entry; a length of 0 marks a free place.
+ * Version 2 of a persistent format. */
 typedef struct qel_dt_tp_entry {
     uint32_t length;
     uint8_t fixed_size;
@@ -55,27 +81,78 @@ typedef struct qel_dt_tp_list {
     qel_dt_tp_entry entries[QEL_DT_TP_CAPACITY];
 } qel_dt_tp_list;
 
+/** Gets all names at once; they are valid during the call only. Its result is that of
+ * qel_dt_buffer_get_names(). */
 typedef int (*qel_dt_buffer_names_callback)(const char (*names)[QEL_DT_NAME_SIZE], size_t count,
                                             void* context);
 
+/** Creates the buffer 'name', or attaches to it if it exists, and gives a handle.
+ *
+ * 'size' is in bytes and counts for a new buffer only; it is rounded up to blocks of 64 bytes, at least 128
+ * of them. The parameter "qel.trace.kbytes.<name>" replaces it, and "qel.trace.level.<name>" (0 to 7, else 4)
+ * sets the first level. 'reserved' is not used. The caller owns the handle.
+ *
+ * Returns 0; EINVAL for a null argument, a name with "/" or over 128 characters, a size of 0 or of more than
+ * 0x100000 blocks; ENAMETOOLONG if the name with the root and ".qdt" takes more than 127 characters; ENOMEM;
+ * EBADF for an existing segment that is no sound buffer; ENOSPC with 900 buffers there already; otherwise as
+ * qel_shm_safe_open(). */
 QEL_API int qel_dt_buffer_init(qel_dt_buffer_handle* out, const char* name, uint32_t reserved, uint32_t size);
+/** Attaches to the buffer 'name'. Returns as qel_dt_buffer_init(), and ENOENT if there is none. */
 QEL_API int qel_dt_buffer_open(qel_dt_buffer_handle* out, const char* name);
+/** Gives the handle back and nulls it; the buffer stays. Waits for a remap in another thread. EINVAL for
+ * null. */
 QEL_API int qel_dt_buffer_close(qel_dt_buffer_handle* buffer);
+/** Gives the handle back, nulls it, and removes the buffer's name. Processes that have the buffer open go on
+ * writing to it unseen. Returns 0, also if the segment was gone; EINVAL for null; else the errno of the
+ * removal. */
 QEL_API int qel_dt_buffer_destroy(qel_dt_buffer_handle* buffer);
+/** Replaces the buffer by an empty one of 'size' bytes; level and modes stay. Every other process moves over
+ * at its next entry. 'reserved' not 0 allows a size of 0.
+ *
+ * Returns 0, also if the buffer has this size; EINVAL for a null handle, a size of 0, or more than 0x100000
+ * blocks; EAGAIN; EFAULT for a corrupt buffer; ETIME if a thread stays inside for 5 seconds; EEXIST if
+ * somebody made the buffer anew in the middle, and the handle has gone over to theirs; else the error of
+ * removing or creating the segment, and the handle goes on with the old one. */
 QEL_API int qel_dt_buffer_resize(qel_dt_buffer_handle buffer, uint32_t reserved, uint32_t size);
+/** Calls 'callback' once with the names of all buffers of the machine and gives its result. EINVAL for a null
+ * callback; ENOENT if no buffer was ever made; ENOMEM. */
 QEL_API int qel_dt_buffer_get_names(qel_dt_buffer_names_callback callback, void* context);
+/** Sets the level, 3 to 7, up to which qel_dt_trace_enabled() lets entries pass; for all processes, at once.
+ * Returns 0, also if nothing was done because the buffer is being replaced; EINVAL for null; EPERM (1) for
+ * another level. */
 QEL_API int qel_dt_buffer_set_level(qel_dt_buffer_handle buffer, uint32_t level);
+/** Gives the level. Returns 0, also if '*out' was not written because the buffer is being replaced; EINVAL
+ * for null. */
 QEL_API int qel_dt_buffer_get_level(qel_dt_buffer_handle buffer, uint32_t* level);
+/** Pausing makes all writers drop their entries, in all processes. Both: 0, EINVAL, EAGAIN, EFAULT for a
+ * corrupt buffer. */
 QEL_API int qel_dt_buffer_pause(qel_dt_buffer_handle buffer);
 QEL_API int qel_dt_buffer_unpause(qel_dt_buffer_handle buffer);
+/** In one-shot mode a buffer stops before it overwrites what was written since the mode was set or the buffer
+ * cleared. Setting it clears the buffer. Both: 0, EINVAL, EAGAIN, EFAULT for a corrupt buffer. */
 QEL_API int qel_dt_buffer_set_one_shot_mode(qel_dt_buffer_handle buffer);
 QEL_API int qel_dt_buffer_unset_one_shot_mode(qel_dt_buffer_handle buffer);
+/** Forgets all entries: readers pass over those before the clear. Returns 0, EINVAL, EAGAIN, EFAULT. */
 QEL_API int qel_dt_buffer_clear(qel_dt_buffer_handle buffer);
+/** Fills '*out'. Returns 0; EINVAL for null; EAGAIN; EFAULT for a corrupt buffer. */
 QEL_API int qel_dt_buffer_get_attr(qel_dt_buffer_handle buffer, qel_dt_buffer_attr* out);
 
+/** Maps the shared list of formats for this process, or counts one more user of the mapping; close undoes one
+ * open. Every open buffer is a user too. Open: 0, EBADF for another version, or as qel_shm_safe_open().
+ * Close: EINVAL without an open. */
 QEL_API int qel_dt_tp_list_open(void);
 QEL_API int qel_dt_tp_list_close(void);
+/** The mapped list, null if it isn't mapped. Other processes add to it, so read its entries with suspicion.
+ */
 QEL_API const qel_dt_tp_list* qel_dt_tp_list_get(void);
+/** Parses 'format' into '*record', entering it nowhere. Beside printf's integers, "%s" and "%p" it takes the
+ * tags of addresses: "%p{ipv4}", "%p{ipv6}" and "%p{mac}" store what the pointer points at, "%u{ipv4}" and
+ * "%i{ipv4}" an address by value; with 'extended', "%P" is an IPv6 pointer, "%e" a MAC pointer, "%i" an IPv4
+ * address by value. A format over 127 characters is cut and ends in "<truncated>".
+ *
+ * Returns 0; EINVAL for null, an empty text or a conversion that the trace can't hold (floating point, "*",
+ * "$", "%n",
+ * "%c"); E2BIG for more than 16 arguments or fewer than 'least_args'. */
 QEL_API int qel_dt_init_tp(const char* format, uint32_t least_args, qel_dt_tp_entry* record,
                            uint32_t extended);
 

@@ -24,6 +24,8 @@ namespace qel {
 namespace {
 
 constexpr timespec kShutLimit{5, 0};
+// How long a name may be away in the middle of somebody's resize.
+constexpr timespec kNameGapLimit{0, 50 * kNanosecondsPerMillisecond};
 
 constexpr WordPair kEveryLevelPasses{QEL_DT_LEVEL_DEBUG};
 static_assert(std::bit_cast<LevelAndFlags>(kEveryLevelPasses).level == QEL_DT_LEVEL_DEBUG);
@@ -53,9 +55,19 @@ void gate_kill(qel_dt_buffer& buffer) {
     buffer.gate.state.store(GateState::dead);
 }
 
+// The segment that a name leads to now. The next resize may be under way already, between its two names.
+int attach_successor(const char* name, BufferSegment& out) {
+    const timespec limit = add(monotonic_now(), kNameGapLimit);
+    for (;;) {
+        int error = segment_attach(name, out);
+        if (error != ENOENT || order(monotonic_now(), limit) >= 0) return error;
+        sched_yield();
+    }
+}
+
 int remap_shut(qel_dt_buffer& buffer) {
     BufferSegment fresh{};
-    int error = segment_attach(buffer.name, fresh);
+    int error = attach_successor(buffer.name, fresh);
     if (error == 0) error = gate_replace_segment(buffer, fresh);
     if (error == 0) return gate_reopen(buffer);
     segment_close(fresh);

@@ -25,4 +25,6 @@ search() {
 
 search 1 -DIGNORE_LOST_CURSOR
 search 1 -DSKIP_FROM_CURSOR
-search 0
+search 0 -DBLOCKS=3
+search 0 -DPASSES=2
+search 0 -DBLOCKS=3 -DPASSES=2 -DWRITERS=3 -DENTRIES=1

@@ -18,7 +18,9 @@
 #ifndef LARGEST
 #define LARGEST 2
 #endif
-#define PASSES 4
+#ifndef PASSES
+#define PASSES 3
+#endif
 
 /* A control entry in one word, for one swap: sequence, state, blocks. */
 #define WORD(sequence, state, blocks) ((sequence) * 16 + (state) * 4 + (blocks))
