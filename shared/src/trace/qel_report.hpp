@@ -3,8 +3,9 @@
 //     return failed<"QDM401", "%s epoll_ctl rc=%d">(error, error);
 //
 // A report names its label (a family word and a number, used at one site only; scripts/lint holds that), its
-// text, and its values. The label is the first argument of the text. Each label has its own trace point word,
-// so a site registers its text once and costs a few atomic operations from then on. A report changes neither
+// text, and its values. The label is the first argument of the text; a few texts take it last or not at all.
+// Each label has its own trace point word, so a site registers its text once and costs a few atomic
+// operations from then on. A report changes neither
 // a result nor 'errno'.
 #pragma once
 
@@ -80,20 +81,35 @@ constexpr Conversions parse_conversions(const char* format) {
     return at - format < QEL_DT_TP_FORMAT_SIZE ? found : unusable;
 }
 
-// True when the first conversion of 'format' takes a label, and each other one its value.
-template <class... Values>
-constexpr bool conversions_match(const char* format) {
-    constexpr std::array<ValueKind, sizeof...(Values) + 1> given{ValueKind::string, kind_of<Values>()...};
-    Conversions wanted = parse_conversions(format);
-    if (wanted.count != given.size()) return false;
-    for (std::size_t i = 0; i < given.size(); ++i)
+// Where a text takes its label: some have it at the end, and some not at all.
+enum class LabelPlace : std::uint8_t { first, last, none, mismatch };
+
+template <std::size_t N>
+constexpr bool takes(const Conversions& wanted, const std::array<ValueKind, N>& given) {
+    if (wanted.count != N) return false;
+    for (std::size_t i = 0; i < N; ++i)
         if (wanted.kinds[i] != given[i]) return false;
     return true;
 }
 
-static_assert(conversions_match<int, const char*, std::uint64_t, void*>("%s rc=%-3d %s %#lx%% %p"));
-static_assert(!conversions_match<std::uint64_t>("%s %u") && !conversions_match<double>("%s %lu"));
-static_assert(!conversions_match<>("no label") && !conversions_match<int>("%s %*d"));
+template <class... Values>
+constexpr LabelPlace label_place(const char* format) {
+    using WithLabel = std::array<ValueKind, sizeof...(Values) + 1>;
+    Conversions wanted = parse_conversions(format);
+    if (takes(wanted, WithLabel{ValueKind::string, kind_of<Values>()...})) return LabelPlace::first;
+    if (takes(wanted, WithLabel{kind_of<Values>()..., ValueKind::string})) return LabelPlace::last;
+    if (takes(wanted, std::array<ValueKind, sizeof...(Values)>{kind_of<Values>()...}))
+        return LabelPlace::none;
+    return LabelPlace::mismatch;
+}
+
+static_assert(label_place<int, const char*, std::uint64_t, void*>("%s rc=%-3d %s %#lx%% %p") ==
+              LabelPlace::first);
+static_assert(label_place<void*>("interrupted qdm=%p %s") == LabelPlace::last);
+static_assert(label_place<>("no label") == LabelPlace::none);
+static_assert(label_place<std::uint64_t>("%s %u") == LabelPlace::mismatch &&
+              label_place<double>("%s %lu") == LabelPlace::mismatch &&
+              label_place<int>("%s %*d") == LabelPlace::mismatch);
 
 template <FixedText Label>
 inline constinit std::uint32_t trace_point = QEL_DT_TP_UNREGISTERED;
@@ -137,15 +153,26 @@ class ErrnoKept {
     int kept_ = errno;
 };
 
-// Reports a failure to the error buffer. The label is the text's first argument.
+// Writes one line to 'buffer', with the label where the text takes it.
+template <FixedText Label, FixedText Format, class... Values>
+void write_line(qel_dt_buffer_handle buffer, Values... values) {
+    constexpr LabelPlace place = label_place<Values...>(Format.text);
+    static_assert(place != LabelPlace::mismatch, "one conversion for the label, if any, and one a value");
+    auto write = [buffer](auto... arguments) {
+        // A line that can't be written is dropped: it must not disturb the call that it reports on.
+        static_cast<void>(_qel_dt_log_filter_adv(nullptr, buffer, 0, 0, 0, 0, &trace_point<Label>,
+                                                 Format.text, arguments...));
+    };
+    if constexpr (place == LabelPlace::first) write(Label.text, values...);
+    if constexpr (place == LabelPlace::last) write(values..., Label.text);
+    if constexpr (place == LabelPlace::none) write(values...);
+}
+
+// Reports a failure to the error buffer.
 template <FixedText Label, FixedText Format, class... Values>
 void report(Values... values) {
-    static_assert(conversions_match<Values...>(Format.text),
-                  "the label's %s comes first, then one conversion a value");
     ErrnoKept kept;
-    // A report that can't be written is dropped: it must not disturb the call that it reports on.
-    static_cast<void>(_qel_dt_log_filter_adv(nullptr, error_buffer(), 0, 0, 0, 0, &trace_point<Label>,
-                                             Format.text, Label.text, values...));
+    write_line<Label, Format>(error_buffer(), values...);
 }
 
 // Reports, and gives the result that the site returns.
@@ -158,11 +185,8 @@ Result failed(Result result, Values... values) {
 // Writes an event to a family's buffer if 'level' passes there.
 template <FixedText Label, FixedText Format, class... Values>
 void event(qel_dt_buffer_handle buffer, std::uint32_t level, Values... values) {
-    static_assert(conversions_match<Values...>(Format.text),
-                  "the label's %s comes first, then one conversion a value");
-    if (buffer == nullptr || !qel_dt_trace_enabled(buffer, level)) return;
-    static_cast<void>(_qel_dt_log_filter_adv(nullptr, buffer, 0, 0, 0, 0, &trace_point<Label>, Format.text,
-                                             Label.text, values...));
+    if (buffer != nullptr && qel_dt_trace_enabled(buffer, level))
+        write_line<Label, Format>(buffer, values...);
 }
 
 }  // namespace qel
