@@ -11,3 +11,5 @@ function(qel_bench_peers name)
 endfunction()
 
 qel_bench_peers(idm_bench libqb)
+qel_bench_peers(dm_job_bench libuv libevent libevent_pthreads)
+qel_bench_peers(dm_timer_bench libuv)
