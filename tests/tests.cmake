@@ -5,18 +5,32 @@ function(qel_test_properties name)
     endif()
 endfunction()
 
-# The project's own promises: headers, symbols, installation.
+# The project's own promises: headers, symbols, installation, the program in the README.
 set(QEL_PROJECT_TESTS ${CMAKE_CURRENT_SOURCE_DIR}/project)
 add_test(NAME project.headers COMMAND ${QEL_PROJECT_TESTS}/headers_test.sh ${PROJECT_SOURCE_DIR}/shared/include)
+add_test(NAME project.symbols COMMAND ${PROJECT_SOURCE_DIR}/scripts/check-symbols $<TARGET_FILE:qel>)
+if(NOT QEL_SANITIZE)
+    add_test(NAME project.install COMMAND ${QEL_PROJECT_TESTS}/install_test.sh ${PROJECT_BINARY_DIR})
+    add_test(NAME project.readme COMMAND ${QEL_PROJECT_TESTS}/readme_test.sh ${PROJECT_SOURCE_DIR} $<TARGET_FILE:qel>)
+endif()
 
 # These write the machine's start-up parameter file.
 qel_test_properties(core.ppm_test RESOURCE_LOCK ppm_file)
 
-# The reservation of trace blocks, searched through all interleavings where spin is installed.
+# The reservation of trace blocks, searched through all interleavings where spin is installed. The search is of the
+# model, so one build's run is enough.
 find_program(QEL_SPIN spin)
-if(QEL_SPIN)
+if(QEL_SPIN AND NOT QEL_SANITIZE)
     add_test(NAME trace.reserve_model
              COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/trace/model/check.sh
                      ${CMAKE_CURRENT_SOURCE_DIR}/trace/model/reserve.pml)
     qel_test_properties(trace.reserve_model TIMEOUT 240)
+endif()
+
+# The examples on this machine's own links. The churn needs the right to a network namespace.
+if(TARGET linkwatch)
+    set(QEL_DEMO ${PROJECT_SOURCE_DIR}/examples/demo.sh)
+    add_test(NAME project.demo COMMAND ${QEL_DEMO} $<TARGET_FILE_DIR:linkwatch>)
+    add_test(NAME project.demo_churn COMMAND ${QEL_DEMO} $<TARGET_FILE_DIR:linkwatch> --churn)
+    set_tests_properties(project.demo project.demo_churn PROPERTIES TIMEOUT 180)
 endif()
