@@ -1,6 +1,8 @@
 # What an installation holds: the library, its headers, qel.pc for pkg-config and the CMake package "qel".
 include(CMakePackageConfigHelpers)
 
+# qel.pc finds the rest from where it lies itself, so an installation can be moved.
+file(RELATIVE_PATH QEL_PREFIX_FROM_PC /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 set(QEL_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/qel)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/qel.pc.in ${PROJECT_BINARY_DIR}/qel.pc @ONLY)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/qel-config.cmake.in ${PROJECT_BINARY_DIR}/qel-config.cmake
