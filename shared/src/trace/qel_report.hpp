@@ -1,12 +1,11 @@
 // Reports: one line at the site of a failure or event, checked while compiling.
 //
-//     return failed<"QDM401", "%s epoll_ctl rc=%d">(error, error);
+//     return failed<"WORD12", "%s epoll_ctl rc=%d">(error, error);
 //
 // A report names its label (a family word and a number, used at one site only; scripts/lint holds that), its
 // text, and its values. The label is the first argument of the text; a few texts take it last or not at all.
 // Each label has its own trace point word, so a site registers its text once and costs a few atomic
-// operations from then on. A report changes neither
-// a result nor 'errno'.
+// operations from then on. A report changes neither a result nor 'errno'.
 #pragma once
 
 #include <qel/dt.h>
