@@ -5,7 +5,7 @@
 // reference. Whoever drops the last one runs free_instance().
 //
 // Invariant: an instance is in the list from the end of its creation to the start of its destruction.
-// Locks: 'list_mutex' guards the list, the default handle and what is made on first use. It is never held
+// Locks: 'global_mutex' guards the list, the default handle and what is made on first use. It is never held
 // together with an instance's mutex. Threads: any. Restart: nothing stays.
 #include "dispatch/qel_dm.hpp"
 
@@ -30,24 +30,24 @@ constexpr BufferSource kEventBuffer{"qel.dm.buffer.events", nullptr, 32768};
 constexpr std::uint32_t kPoolFlags = QEL_MEM_CHUNK_DYNAMIC | QEL_MEM_CHUNK_FAST_FREE | QEL_MEM_CHUNK_ZERO;
 constexpr std::uint32_t kElementsPerBlock = 32;
 
-constinit Mutex list_mutex;
+constinit Mutex global_mutex;
 constinit std::atomic<std::uint32_t> id_pool{QEL_IDM_NO_POOL};
-constinit Dispatcher* first_instance QEL_GUARDED_BY(list_mutex) = nullptr;
-constinit Dispatcher* last_instance QEL_GUARDED_BY(list_mutex) = nullptr;
+constinit Dispatcher* first_instance QEL_GUARDED_BY(global_mutex) = nullptr;
+constinit Dispatcher* last_instance QEL_GUARDED_BY(global_mutex) = nullptr;
 constinit std::atomic<std::uint32_t> qdm_default_handle{0};
 constinit std::atomic<bool> debug_prints{false};
 
 // ---- The list
 
 void link_instance(Dispatcher& instance) {
-    Locked lock{list_mutex};
+    Locked lock{global_mutex};
     (last_instance != nullptr ? last_instance->next : first_instance) = &instance;
     last_instance = &instance;
 }
 
 // Takes the instance out of the list; does nothing for one that another thread has taken out.
 void unlink_instance(Dispatcher& instance) {
-    Locked lock{list_mutex};
+    Locked lock{global_mutex};
     if (qdm_default_handle.load(std::memory_order_relaxed) == instance.handle) qdm_default_handle = 0;
     Dispatcher* previous = nullptr;
     for (Dispatcher* at = first_instance; at != nullptr; previous = at, at = at->next) {
@@ -58,7 +58,7 @@ void unlink_instance(Dispatcher& instance) {
     }
 }
 
-std::uint32_t find_default_locked() QEL_REQUIRES(list_mutex) {
+std::uint32_t find_default_locked() QEL_REQUIRES(global_mutex) {
     for (Dispatcher* at = first_instance; at != nullptr; at = at->next)
         if ((at->flags & Dispatcher::kPrivate) == 0) return at->handle;
     return 0;
@@ -68,6 +68,7 @@ std::uint32_t find_default_locked() QEL_REQUIRES(list_mutex) {
 
 void free_record(Dispatcher* instance) {
     instance->mutex.destroy();
+    instance->batch_mutex.destroy();
     pthread_cond_destroy(&instance->cond);
     qel_named_free(instance);
 }
@@ -78,7 +79,7 @@ void free_instance(Dispatcher* instance) QEL_NO_THREAD_SAFETY_ANALYSIS {
     OwnedRecord record{instance};
     event<"QDM10", "%s destroyed qdm=%p">(event_buffer, QEL_DT_LEVEL_ERROR, instance);
     if (instance->fds != nullptr) free_descriptor_set(*instance);
-    give_back_all(*instance, instance->jobs);
+    free_jobs(*instance);
     give_back_all(*instance, instance->messages);
     qel_dm_pf_cleanup(instance);
     qel_mem_chunk_destroy(instance->pool);
@@ -89,14 +90,24 @@ void destroy_context(void* context, void*) {
     free_instance(static_cast<Dispatcher*>(context));
 }
 
+int init_mutexes(Dispatcher& instance) {
+    if (int error = instance.mutex.init(); error != 0) return error;
+    int error = instance.batch_mutex.init();
+    if (error != 0) instance.mutex.destroy();
+    return error;
+}
+
 int make_record(OwnedRecord& out) {
     Owned<Dispatcher> memory = allocate_zeroed<Dispatcher>(QEL_MEM_QDM);
     if (!memory) return no_memory<"QDM11">();
-    if (int error = memory->mutex.init(); error != 0) return failed<"QDM12", "%s mutex rc=%d">(error, error);
-    Undo destroy_mutex{[&] { memory->mutex.destroy(); }};
+    if (int error = init_mutexes(*memory); error != 0) return failed<"QDM12", "%s mutex rc=%d">(error, error);
+    Undo destroy_mutexes{[&] {
+        memory->mutex.destroy();
+        memory->batch_mutex.destroy();
+    }};
     if (int error = pthread_cond_init(&memory->cond, nullptr); error != 0)
         return failed<"QDM13", "%s cond rc=%d">(error, error);
-    destroy_mutex.keep();
+    destroy_mutexes.keep();
     out.reset(memory.release());
     return 0;
 }
@@ -114,8 +125,8 @@ int make_instance(OwnedInstance& out, const char* name, std::uint32_t flags) QEL
     instance.name = name_or_default(name, flags);
     instance.flags = (flags & QEL_DM_PRIVATE) != 0 ? Dispatcher::kPrivate : 0;
     instance.epoll_fd = instance.pipe_read_fd = instance.pipe_write_fd = -1;
-    for (qel_dqueue* queue :
-         {&instance.jobs, &instance.messages, &instance.idle_timers, &instance.expired_timers})
+    for (qel_dqueue* queue : {&instance.jobs, &instance.spare_jobs, &instance.batch, &instance.done_jobs,
+                              &instance.messages, &instance.idle_timers, &instance.expired_timers})
         dqueue_init(*queue, nullptr);
     instance.pool = qel_mem_chunk_create(kPoolElementSize, kElementsPerBlock, kPoolFlags, 0, 0, "QDM chunks");
     if (instance.pool == nullptr) return no_memory<"QDM14">();
@@ -140,7 +151,7 @@ int make_id_pool() {
 
 // What the family makes on first use.
 int prepare_family() {
-    Locked lock{list_mutex};
+    Locked lock{global_mutex};
     if (int error = make_id_pool(); error != 0) return error;
     static_cast<void>(buffer_at(event_buffer, kEventBuffer));  // Without it events are not traced.
     return make_context_key();
@@ -249,7 +260,7 @@ QEL_API int qel_dm_destroy(qel_dm_handle* handle) {
 QEL_API qel_dm_handle qel_dm_get_handle(void) {
     std::uint32_t cached = qdm_default_handle.load(std::memory_order_relaxed);
     if (cached != 0) return cached;
-    dm::Locked lock{list_mutex};
+    dm::Locked lock{global_mutex};
     std::uint32_t found = find_default_locked();
     qdm_default_handle.store(found, std::memory_order_relaxed);
     return found;

@@ -62,9 +62,18 @@ struct qel_dm_instance {
     int (*wait_handler)(qel_dm_handle) QEL_GUARDED_BY(mutex);
     int (*dispatch_handler)(qel_dm_handle) QEL_GUARDED_BY(mutex);
 
-    qel_dqueue jobs QEL_GUARDED_BY(mutex);  // the newest behind the anchor, the oldest ahead of it
+    // Jobs are queued in 'jobs' and taken from 'batch'; see qel_dm_jobs.cpp. In each the newest lies behind
+    // the anchor, the oldest ahead of it.
+    qel_dqueue jobs QEL_GUARDED_BY(mutex);
+    qel_dqueue spare_jobs QEL_GUARDED_BY(mutex);
+    std::uint32_t spare_count QEL_GUARDED_BY(mutex);
     std::uint64_t jobs_queued QEL_GUARDED_BY(mutex);
-    std::uint32_t jobs_since_poll QEL_GUARDED_BY(mutex);  // jobs taken since the kernel was last asked
+    qel::Mutex batch_mutex;
+    qel_dqueue batch QEL_GUARDED_BY(batch_mutex);
+    qel_dqueue done_jobs QEL_GUARDED_BY(batch_mutex);
+    std::uint32_t done_count QEL_GUARDED_BY(batch_mutex);
+    bool batch_holds_jobs;          // written under 'batch_mutex'
+    std::uint32_t jobs_since_poll;  // jobs taken since the kernel was last asked; approximate
 
     qel_dqueue messages QEL_GUARDED_BY(mutex);
     std::uint32_t message_registered QEL_GUARDED_BY(mutex);
@@ -91,6 +100,10 @@ struct qel_dm_instance {
     // True from the start of qel_dm_destroy() on. An early test without the mutex must be repeated under it.
     bool destroy_pending() {
         return (std::atomic_ref{flags}.load(std::memory_order_relaxed) & kDestroyPending) != 0;
+    }
+    // Without the mutex, for runners of jobs; see share_batch().
+    bool someone_waits() QEL_NO_THREAD_SAFETY_ANALYSIS {
+        return std::atomic_ref{waiters}.load(std::memory_order_relaxed) != 0;
     }
 };
 
@@ -146,6 +159,11 @@ T* oldest(const qel_dqueue& queue) {
     return dqueue_is_initial(queue) ? nullptr : reinterpret_cast<T*>(queue.prev);
 }
 
+// Counts in 'waiters', which runners of jobs read without the mutex.
+inline void add_waiters_locked(Dispatcher& dispatcher, std::int32_t change) QEL_REQUIRES(dispatcher.mutex) {
+    std::atomic_ref{dispatcher.waiters}.store(dispatcher.waiters + change, std::memory_order_relaxed);
+}
+
 // ---- qel_dm_loop.cpp
 
 // Makes the key of the thread contexts; 0 or the system's error. Call under the list's lock.
@@ -176,7 +194,10 @@ int execute_locked(Dispatcher& dispatcher, qel_dm_job job, std::uint64_t data, s
     QEL_REQUIRES(dispatcher.mutex);
 // The handler behind the pipe: runs what is queued, in order.
 void run_jobs(Dispatcher& dispatcher, Context& context);
-bool job_limit_reached_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex);
+// True while a thread that enters the wait step finds jobs to run.
+bool has_jobs_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex);
+bool job_limit_reached(Dispatcher& dispatcher);
+void free_jobs(Dispatcher& dispatcher) QEL_NO_THREAD_SAFETY_ANALYSIS;
 
 // ---- qel_dm_fd.cpp
 

@@ -1,29 +1,36 @@
 // Local jobs, and the wake-up of threads that wait.
 //
-// A job is queued under the instance's mutex and run by whichever serving thread gets to it, oldest first. A
-// thread looks at the queue when it enters the wait step, so a wake-up is needed only for threads that are in
-// it already, and only when the queue was empty: then they are told through the pipe.
+// Posters and runners meet in 'mutex' once a batch only. A poster puts its job into 'jobs'; a runner takes
+// jobs from 'batch', one at a time, and when that is empty moves over all of 'jobs'. The batch is open to
+// every serving thread, so a job that blocks holds up no other. Jobs that ran come back to the posters as
+// spares.
 //
-// The pipe's read end is registered one-shot. The first wake-up writes the byte "H". The byte then stays in
-// the pipe: picking the event silences the descriptor, and the next wake-up is to arm it again, one call to
-// the kernel on this side and none on the other.
+// A thread looks for jobs when it enters the wait step, so a wake-up is needed only for threads that are in
+// it already: when a job comes to an empty queue, and before a runner starts a job while more are left. They
+// are told through the pipe. Its read end is registered one-shot. The first wake-up writes the byte "H". The
+// byte then stays in the pipe: picking the event silences the descriptor, and the next wake-up is to arm it
+// again, one call to the kernel on this side and none on the other.
 //
 //         claim (waiters > 0)                        picked: a thread returns from the kernel with it
 //   quiet --------------------> wake in flight ---------------------------------------------> quiet
 //
-// Invariant, whenever 'mutex' is free: if jobs are queued and threads are in the wait step, then a wake-up is
-// in flight or a thread runs jobs and looks again when its job ends, however it ends.
-// Locks: 'mutex' guards queue and state; a wake-up is delivered without it where that is possible, so that
-// the woken thread does not run into it. Threads: any. Restart: nothing stays.
+// Invariant, whenever 'mutex' is free: if there are jobs in either queue and threads in the wait step, then a
+// wake-up is in flight or a thread runs jobs and looks again when its job ends, however it ends.
+// Locks: 'batch_mutex', then 'mutex'. A wake-up is delivered without them where that is possible, so that the
+// woken thread does not run into them. Threads: any. Restart: nothing stays.
 #include "dispatch/qel_dm.hpp"
 
 #include <qel/base.h>
+
+#include <utility>
 
 namespace qel::dm {
 namespace {
 
 // So many jobs run before the kernel is asked again, so that jobs which queue jobs don't starve the rest.
 constexpr std::uint32_t kJobLimit = 1024;
+// So many elements of jobs that ran are kept for the next ones.
+constexpr std::uint32_t kMaxSpares = 1024;
 
 struct Job {
     qel_dqueue link;
@@ -33,9 +40,18 @@ struct Job {
     std::uint64_t ticket;  // unique in the dispatcher; the address alone may be another job's by now
 };
 
+Job* take_spare_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) {
+    Job* spare = oldest<Job>(dispatcher.spare_jobs);
+    if (spare == nullptr) return nullptr;
+    dqueue_remove(spare->link);
+    --dispatcher.spare_count;
+    return spare;
+}
+
 Job* enqueue_locked(Dispatcher& dispatcher, qel_dm_job handler, std::uint64_t data, std::uint64_t modifier)
     QEL_REQUIRES(dispatcher.mutex) {
-    Job* job = allocate<Job>(dispatcher);
+    Job* job = take_spare_locked(dispatcher);
+    if (job == nullptr) job = allocate<Job>(dispatcher);
     if (job == nullptr) return nullptr;
     job->handler = handler;
     job->data = data;
@@ -98,38 +114,88 @@ int post(Dispatcher& dispatcher, qel_dm_job handler, std::uint64_t data, std::ui
     return give_up_locked(dispatcher, posted.ticket, posted.wake, error);
 }
 
-Wake wake_for_jobs_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) {
-    return dqueue_is_initial(dispatcher.jobs) ? Wake::none : claim_wake_locked(dispatcher);
+void set_batch_holds_jobs(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex) {
+    std::atomic_ref{dispatcher.batch_holds_jobs}.store(!dqueue_is_initial(dispatcher.batch),
+                                                       std::memory_order_relaxed);
 }
 
-// On a thread that leaves the queue, by return or by the end of the thread: others take over what is left.
+// Moves all elements of 'from' behind the anchor 'to', in their order.
+void move_all(qel_dqueue& from, qel_dqueue& to) {
+    if (dqueue_is_initial(from)) return;
+    from.prev->next = to.next;
+    to.next->prev = from.prev;
+    to.next = from.next;
+    to.next->prev = &to;
+    dqueue_init(from, nullptr);
+}
+
+// Keeps the element of a job that was taken, for a poster, or gives it back when there are enough.
+void retire(Dispatcher& dispatcher, Job* job) QEL_REQUIRES(dispatcher.batch_mutex) {
+    dqueue_remove(job->link);
+    if (dispatcher.done_count == kMaxSpares) return give_back(dispatcher, job);
+    dqueue_insert(job->link, dispatcher.done_jobs);
+    ++dispatcher.done_count;
+}
+
+void hand_spares_over_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex, dispatcher.mutex) {
+    if (dispatcher.spare_count + dispatcher.done_count > kMaxSpares) return;
+    move_all(dispatcher.done_jobs, dispatcher.spare_jobs);
+    dispatcher.spare_count += std::exchange(dispatcher.done_count, 0);
+}
+
+// Fills the empty batch with all that is queued. False when there is nothing to run.
+bool refill(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex) {
+    Locked lock{dispatcher.mutex};
+    hand_spares_over_locked(dispatcher);
+    if (dispatcher.destroy_pending()) return false;
+    move_all(dispatcher.jobs, dispatcher.batch);
+    set_batch_holds_jobs(dispatcher);
+    return !dqueue_is_initial(dispatcher.batch);
+}
+
+// Takes the oldest job. 'more' says whether the batch holds others.
+bool take_oldest(Dispatcher& dispatcher, Job& out, bool& more) {
+    Locked lock{dispatcher.batch_mutex};
+    if (dqueue_is_initial(dispatcher.batch) && !refill(dispatcher)) return false;
+    Job* job = oldest<Job>(dispatcher.batch);
+    out = *job;
+    retire(dispatcher, job);
+    more = !dqueue_is_initial(dispatcher.batch);
+    if (!more) set_batch_holds_jobs(dispatcher);
+    return true;
+}
+
+// Gives the rest of the batch to a thread that waits, if one does. Such a thread came into the wait step
+// before the batch was filled, so its count is visible here; one that comes later looks at the batch itself.
+void share_batch(Dispatcher& dispatcher) {
+    if (!dispatcher.someone_waits()) return;
+    Wake wake = Wake::none;
+    {
+        Locked lock{dispatcher.mutex};
+        wake = claim_wake_locked(dispatcher);
+    }
+    if (deliver_wake(dispatcher, wake) == 0) return;
+    // This thread looks at the batch again in any case.
+    Locked lock{dispatcher.mutex};
+    wake_failed_locked(dispatcher, wake);
+}
+
+// On a thread that runs jobs: unless it found none left, others take over when it leaves, by return or by the
+// end of the thread.
 class JobRun {
   public:
-    explicit JobRun(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) : dispatcher_(dispatcher) {}
-    ~JobRun() noexcept(false) QEL_NO_THREAD_SAFETY_ANALYSIS {
-        if (dispatcher_.destroy_pending() || !dqueue_is_initial(dispatcher_.jobs)) wake_locked(dispatcher_);
+    explicit JobRun(Dispatcher& dispatcher) : dispatcher_(dispatcher) {}
+    ~JobRun() noexcept(false) {
+        if (finished_) return;
+        Locked lock{dispatcher_.mutex};
+        if (dispatcher_.destroy_pending() || has_jobs_locked(dispatcher_)) wake_locked(dispatcher_);
     }
+    void finish() { finished_ = true; }
 
   private:
     Dispatcher& dispatcher_;
+    bool finished_ = false;
 };
-
-// Runs the oldest job with the lock let go; false if there is none to run.
-bool run_oldest_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) {
-    Job* job = dispatcher.destroy_pending() ? nullptr : oldest<Job>(dispatcher.jobs);
-    if (job == nullptr) return false;
-    const Job taken = *job;
-    dqueue_remove(job->link);
-    give_back(dispatcher, job);
-    ++dispatcher.jobs_since_poll;
-    Wake wake = wake_for_jobs_locked(dispatcher);
-    while_unlocked(dispatcher, [&] {
-        // A failure is reported there; this job runs in any case, and its thread looks at the queue again.
-        static_cast<void>(deliver_wake(dispatcher, wake));
-        taken.handler(dispatcher.handle, taken.data, taken.modifier);
-    });
-    return true;
-}
 
 }  // namespace
 
@@ -162,15 +228,33 @@ int execute_locked(Dispatcher& dispatcher, qel_dm_job job, std::uint64_t data, s
     return error == 0 ? 0 : give_up_locked(dispatcher, posted.ticket, posted.wake, error);
 }
 
-bool job_limit_reached_locked(Dispatcher& dispatcher) {
-    return dispatcher.jobs_since_poll >= kJobLimit;
+bool has_jobs_locked(Dispatcher& dispatcher) {
+    return !dqueue_is_initial(dispatcher.jobs) ||
+           std::atomic_ref{dispatcher.batch_holds_jobs}.load(std::memory_order_relaxed);
+}
+
+bool job_limit_reached(Dispatcher& dispatcher) {
+    return std::atomic_ref{dispatcher.jobs_since_poll}.load(std::memory_order_relaxed) >= kJobLimit;
 }
 
 void run_jobs(Dispatcher& dispatcher, Context& context) {
-    Locked lock{dispatcher.mutex};
     JobRun run{dispatcher};
-    while (!job_limit_reached_locked(dispatcher))
-        if (!run_oldest_locked(dispatcher) || context.xd_event != 0) return;
+    Job job;
+    bool more = false;
+    while (!job_limit_reached(dispatcher) && !dispatcher.destroy_pending()) {
+        if (!take_oldest(dispatcher, job, more)) return run.finish();
+        std::atomic_ref taken{dispatcher.jobs_since_poll};
+        taken.store(taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        if (more) share_batch(dispatcher);
+        job.handler(dispatcher.handle, job.data, job.modifier);
+        if (context.xd_event != 0) return;
+    }
+}
+
+void free_jobs(Dispatcher& dispatcher) {
+    for (qel_dqueue* queue :
+         {&dispatcher.jobs, &dispatcher.spare_jobs, &dispatcher.batch, &dispatcher.done_jobs})
+        give_back_all(dispatcher, *queue);
 }
 
 }  // namespace qel::dm

@@ -67,10 +67,10 @@ class WaitScope {
   public:
     WaitScope(Dispatcher& dispatcher, const Context& context) QEL_REQUIRES(dispatcher.mutex)
         : dispatcher_(dispatcher), context_(context) {
-        ++dispatcher.waiters;
+        add_waiters_locked(dispatcher, 1);
     }
     ~WaitScope() noexcept(false) QEL_NO_THREAD_SAFETY_ANALYSIS {
-        --dispatcher_.waiters;
+        add_waiters_locked(dispatcher_, -1);
         release_timing_locked(dispatcher_, context_);
         // A thread that ends inside the kernel's wait may have taken an event along.
         if (!returned_) dispatcher_.wake_in_flight = false;
@@ -93,8 +93,8 @@ class WaitScope {
 
 // True if the thread can take the queued jobs as its event without asking the kernel.
 bool take_jobs_locked(Dispatcher& dispatcher, Context& context) QEL_REQUIRES(dispatcher.mutex) {
-    if (dqueue_is_initial(dispatcher.jobs) || dispatcher.wake_in_flight) return false;
-    if (job_limit_reached_locked(dispatcher)) {
+    if (!has_jobs_locked(dispatcher) || dispatcher.wake_in_flight) return false;
+    if (job_limit_reached(dispatcher)) {
         wake_locked(dispatcher);
         return false;
     }
@@ -125,14 +125,14 @@ int poll_locked(Dispatcher& dispatcher, Context& context, int timeout_ms) QEL_RE
         report<"QDM27", "QDM epoll_wait interrupted qdm=%p %s">(&dispatcher);
         return 0;  // Like a time-out: the rest of the time is computed afresh, however many signals come.
     });
-    dispatcher.jobs_since_poll = 0;
+    std::atomic_ref{dispatcher.jobs_since_poll}.store(0, std::memory_order_relaxed);
     if (count == 1 && context.epoll_event.source == platform::kPipe) dispatcher.wake_in_flight = false;
     return count;
 }
 
 // A wake-up that brought no job: some waiter had to compute its time-out afresh.
 bool is_bare_wake_locked(Dispatcher& dispatcher, const Context& context) QEL_REQUIRES(dispatcher.mutex) {
-    return context.epoll_event.source == platform::kPipe && dqueue_is_initial(dispatcher.jobs);
+    return context.epoll_event.source == platform::kPipe && !has_jobs_locked(dispatcher);
 }
 
 // One round of a wait step. 'done' tells whether the step ends with the result.

@@ -91,10 +91,10 @@ int register_handler(qel_dm_handle handle, qel_dm_message_handler handler, void*
 class CleanupScope {
   public:
     explicit CleanupScope(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) : dispatcher_(dispatcher) {
-        ++dispatcher.waiters;
+        add_waiters_locked(dispatcher, 1);
     }
     ~CleanupScope() QEL_NO_THREAD_SAFETY_ANALYSIS {
-        --dispatcher_.waiters;
+        add_waiters_locked(dispatcher_, -1);
         if (dispatcher_.destroy_pending()) pthread_cond_broadcast(&dispatcher_.cond);
     }
 
