@@ -29,8 +29,11 @@ namespace {
 
 // So many jobs run before the kernel is asked again, so that jobs which queue jobs don't starve the rest.
 constexpr std::uint32_t kJobLimit = 1024;
-// So many elements of jobs that ran are kept for the next ones.
-constexpr std::uint32_t kMaxSpares = 1024;
+// Elements of jobs that ran are kept for the next ones: as many as the load needs, up to the first number.
+// Each time that a runner finds nothing to do, a few of those above the second go back to the pool.
+constexpr std::uint32_t kMaxSpares = 16384;
+constexpr std::uint32_t kIdleSpares = 256;
+constexpr int kSparesFreedAtOnce = 8;
 
 struct Job {
     qel_dqueue link;
@@ -143,11 +146,17 @@ void hand_spares_over_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.bat
     dispatcher.spare_count += std::exchange(dispatcher.done_count, 0);
 }
 
+void trim_spares_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) {
+    for (int i = 0; i < kSparesFreedAtOnce && dispatcher.spare_count > kIdleSpares; ++i)
+        give_back(dispatcher, take_spare_locked(dispatcher));
+}
+
 // Fills the empty batch with all that is queued. False when there is nothing to run.
 bool refill(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex) {
     Locked lock{dispatcher.mutex};
     hand_spares_over_locked(dispatcher);
     if (dispatcher.destroy_pending()) return false;
+    if (dqueue_is_initial(dispatcher.jobs)) trim_spares_locked(dispatcher);
     move_all(dispatcher.jobs, dispatcher.batch);
     set_batch_holds_jobs(dispatcher);
     return !dqueue_is_initial(dispatcher.batch);
