@@ -111,6 +111,12 @@ void remove_if_same(const char* path, const Identity& identity) {
     if (status.identity == identity) static_cast<void>(remove_object(path));
 }
 
+bool is_plain(const pthread_mutex_t& mutex) {
+    // Type, robust, priority inheritance, priority ceiling; the bits above tell where and how to wait.
+    constexpr int kMoreThanTheWord = 0x7f;
+    return (__atomic_load_n(&mutex.__data.__kind, __ATOMIC_RELAXED) & kMoreThanTheWord) == 0;
+}
+
 int lock_for(pthread_mutex_t& mutex, std::uint32_t milliseconds) {
 #if defined(__SANITIZE_THREAD__)
     // The tool follows this form only.

@@ -48,6 +48,10 @@ int remove_object(const char* path);
 // Removes the name if it still is that of 'identity' and not of an object that somebody made since.
 void remove_if_same(const char* path, const Identity& identity);
 
+// Whether the mutex is nothing but its lock word, as qel_init_shared_mutex() made it. The C library believes
+// what the mutex says of its kind: for others it follows pointers in it, changes the thread's priority, or
+// ends the process.
+bool is_plain(const pthread_mutex_t& mutex);
 // Waits for the mutex for 'milliseconds' at most; ETIMEDOUT then.
 int lock_for(pthread_mutex_t& mutex, std::uint32_t milliseconds);
 // The thread ID in the lock word, 0 if nobody holds the mutex; a hint, as it may change at any time.

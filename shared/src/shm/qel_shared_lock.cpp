@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::uint32_t kFirstSliceMs = 50;
 constexpr std::uint32_t kLongestSliceMs = 1000;
-constexpr std::uint64_t kLongWaitMs = 5000;
+constexpr std::uint64_t kLongWaitMs = 2000;
 
 LongWait describe_wait(pthread_mutex_t& mutex, std::uint64_t waited_ms) {
     std::uint32_t holder = shm_platform::holder_of(mutex);
@@ -56,6 +56,7 @@ int init_shared(Object* object, int (*make)(Attributes*), int (*share)(Attribute
 }  // namespace
 
 int SharedMutex::lock(LongWaitHandler waited_long) {
+    if (!shm_platform::is_plain(native_)) return EINVAL;
     int error = pthread_mutex_trylock(&native_);
     return error == EBUSY ? lock_in_slices(native_, waited_long) : error;
 }
