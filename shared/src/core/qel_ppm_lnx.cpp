@@ -4,10 +4,10 @@
 // of a process nor feed it for ever. So it is opened without waiting and read only if it is a regular file.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 
+#include "core/qel_fd.hpp"
 #include "core/qel_ppm_file.hpp"
 
 namespace qel {
@@ -15,8 +15,6 @@ namespace {
 
 constexpr const char* kPath = "/tmp/qeltest-ppm.conf";
 constexpr const char* kSectionVariable = "QELTEST_PROC";
-
-using Fd = Unique<int, ::close, -1>;
 
 bool is_regular(int fd) {
     struct stat status {};

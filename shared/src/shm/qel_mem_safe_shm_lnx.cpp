@@ -4,8 +4,7 @@
 // granted to everybody. The memory is reserved beyond the end of the file, piece by piece, and the size set
 // last: an opener sees an object of size 0 or a complete one, and a signal costs one piece at most.
 //
-// Threads: any; no state. close() is a cancellation point, so owners close with cancellation held off: their
-// destructors must not be left halfway.
+// Threads: any; no state.
 #include "shm/qel_mem_safe_shm_lnx.hpp"
 
 #include <fcntl.h>
@@ -30,7 +29,7 @@ int last_error(int result) {
     return result == 0 ? 0 : errno;
 }
 
-int reserve_piece(const Descriptor& object, std::uint32_t offset, std::uint32_t size) {
+int reserve_piece(const Fd& object, std::uint32_t offset, std::uint32_t size) {
     int error = 0;
     do error = last_error(fallocate(object.get(), FALLOC_FL_KEEP_SIZE, offset, size));
     while (error == EINTR);
@@ -38,7 +37,7 @@ int reserve_piece(const Descriptor& object, std::uint32_t offset, std::uint32_t 
 }
 
 // A file system that can't reserve is taken as it is.
-int reserve(const Descriptor& object, std::uint32_t size) {
+int reserve(const Fd& object, std::uint32_t size) {
     int error = 0;
     for (std::uint64_t at = 0; at < size && error == 0; at += kReservedPiece) {
         auto offset = static_cast<std::uint32_t>(at);
@@ -49,45 +48,37 @@ int reserve(const Descriptor& object, std::uint32_t size) {
 
 }  // namespace
 
-void close_descriptor(int descriptor) {
-    int state = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-    // The descriptor is gone whatever the result is.
-    static_cast<void>(close(descriptor));
-    pthread_setcancelstate(state, nullptr);
-}
-
-int open_object(const char* path, Descriptor& out) {
+int open_object(const char* path, Fd& out) {
     int descriptor = shm_open(path, O_RDWR, kEverybody);
     if (descriptor < 0) return errno;
     out.reset(descriptor);
     return 0;
 }
 
-int create_object(const char* path, Descriptor& out) {
+int create_object(const char* path, Fd& out) {
     int descriptor = shm_open(path, O_RDWR | O_CREAT | O_EXCL, kEverybody);
     if (descriptor < 0) return errno;
     out.reset(descriptor);
     return 0;
 }
 
-int grant_to_everybody(const Descriptor& object) {
+int grant_to_everybody(const Fd& object) {
     return last_error(fchmod(object.get(), kEverybody));
 }
 
-int inspect(const Descriptor& object, Status& out) {
+int inspect(const Fd& object, Status& out) {
     struct stat status;
     if (fstat(object.get(), &status) != 0) return errno;
     out = {static_cast<std::uint64_t>(status.st_size), {status.st_dev, status.st_ino}};
     return 0;
 }
 
-int set_size(const Descriptor& object, std::uint32_t size, bool reserved) {
+int set_size(const Fd& object, std::uint32_t size, bool reserved) {
     if (int error = reserved ? reserve(object, size) : 0; error != 0) return error;
     return last_error(ftruncate(object.get(), size));
 }
 
-int map_object(const Descriptor& object, std::uint32_t size, void*& out) {
+int map_object(const Fd& object, std::uint32_t size, void*& out) {
     void* address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, object.get(), 0);
     if (address == MAP_FAILED) return errno;
     out = address;
@@ -104,7 +95,7 @@ int remove_object(const char* path) {
 }
 
 void remove_if_same(const char* path, const Identity& identity) {
-    Descriptor object;
+    Fd object;
     Status status;
     if (open_object(path, object) != 0 || inspect(object, status) != 0) return;
     // A name that is gone by now needs no removal.

@@ -1,6 +1,6 @@
 // What shared segments and shared locks need of the platform.
 //
-// Preconditions: a path is an object's whole name, as "/element.heap"; a Descriptor is open; a size is not 0;
+// Preconditions: a path is an object's whole name, as "/element.heap"; an Fd is open; a size is not 0;
 // a mutex has been initialised by qel_init_shared_mutex(), by whichever process. Results are errno values,
 // and outputs are written on success only. Nothing here reports, allocates from named memory or takes a lock,
 // so all of it may run while the error buffer is being made.
@@ -8,12 +8,9 @@
 
 #include <pthread.h>
 
-#include "core/qel_owned.hpp"
+#include "core/qel_fd.hpp"
 
 namespace qel::shm_platform {
-
-void close_descriptor(int descriptor);
-using Descriptor = Unique<int, close_descriptor, -1>;
 
 // Tells two objects apart that had one name at different times.
 struct Identity {
@@ -28,20 +25,20 @@ struct Status {
 };
 
 // ENOENT without the object; EACCES also while its maker hasn't granted it yet.
-int open_object(const char* path, Descriptor& out);
+int open_object(const char* path, Fd& out);
 
 // Makes the object, of size 0 and with what the umask leaves of its mode; EEXIST if it exists.
-int create_object(const char* path, Descriptor& out);
+int create_object(const char* path, Fd& out);
 // Opens the object to every user, mode 0777.
-int grant_to_everybody(const Descriptor& object);
+int grant_to_everybody(const Fd& object);
 
-int inspect(const Descriptor& object, Status& out);
+int inspect(const Fd& object, Status& out);
 
 // Gives the object its size in one step, with the memory behind it reserved first if 'reserved' says so:
 // ENOSPC when the file system is full, where the first touch of a page would be a SIGBUS.
-int set_size(const Descriptor& object, std::uint32_t size, bool reserved);
+int set_size(const Fd& object, std::uint32_t size, bool reserved);
 
-int map_object(const Descriptor& object, std::uint32_t size, void*& out);
+int map_object(const Fd& object, std::uint32_t size, void*& out);
 void unmap(void* address, std::size_t size);
 
 int remove_object(const char* path);

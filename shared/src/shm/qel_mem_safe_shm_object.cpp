@@ -19,7 +19,6 @@
 namespace qel {
 namespace {
 
-using shm_platform::Descriptor;
 using shm_platform::Status;
 
 constexpr int kSizeLooks = 10;
@@ -28,7 +27,7 @@ constexpr std::uint32_t kSizeLookMs = 100;
 constexpr int kGrantPolls = 100;
 constexpr std::uint32_t kGrantPollMs = 1;
 
-int open_granted(const ShmPath& path, Descriptor& out) {
+int open_granted(const ShmPath& path, Fd& out) {
     int error = shm_platform::open_object(path.text, out);
     for (int poll = 0; error == EACCES && poll < kGrantPolls; ++poll) {
         qel_time_sleep(kGrantPollMs);
@@ -37,7 +36,7 @@ int open_granted(const ShmPath& path, Descriptor& out) {
     return error;
 }
 
-int inspect_sized(const Descriptor& object, Status& out) {
+int inspect_sized(const Fd& object, Status& out) {
     for (int look = 0; look < kSizeLooks; ++look) {
         if (look != 0) qel_time_sleep(kSizeLookMs);
         if (int error = shm_platform::inspect(object, out); error != 0) return error;
@@ -46,7 +45,7 @@ int inspect_sized(const Descriptor& object, Status& out) {
     return EINVAL;
 }
 
-int map_segment(const Descriptor& object, std::uint32_t size, Segment& out) {
+int map_segment(const Fd& object, std::uint32_t size, Segment& out) {
     void* address = nullptr;
     if (int error = shm_platform::map_object(object, size, address); error != 0) return error;
     out.mapping = Mapping{qel_shm_info{0, address, size}};
@@ -68,7 +67,7 @@ int build_path(const char* name, ShmPath& out) {
 }
 
 int attach_segment(const ShmPath& path, std::uint32_t size, Segment& out) {
-    Descriptor object;
+    Fd object;
     Status status;
     if (int error = open_granted(path, object); error != 0) return error;
     if (int error = inspect_sized(object, status); error != 0) return error;
@@ -80,7 +79,7 @@ int attach_segment(const ShmPath& path, std::uint32_t size, Segment& out) {
 }
 
 int create_segment(const ShmPath& path, std::uint32_t size, Segment& out) {
-    Descriptor object;
+    Fd object;
     Status status;
     if (int error = shm_platform::create_object(path.text, object); error != 0) return error;
     if (int error = shm_platform::inspect(object, status); error != 0) return error;
@@ -111,6 +110,8 @@ int qel_shm_open_int(const char* name, std::uint32_t size, std::uint32_t options
 
 }  // namespace qel
 
+using namespace qel;
+
 int qel_shm_path_append(char* out, const char* name, size_t size) {
     if (out == nullptr || name == nullptr) return EINVAL;
     const char* root = "";
@@ -125,19 +126,19 @@ int qel_shm_path_append(char* out, const char* name, size_t size) {
 }
 
 int qel_shm_open(const char* name, uint32_t size, qel_shm_info* info, uint8_t* existed) {
-    return qel::qel_shm_open_int(name, size, 0, info, existed);
+    return qel_shm_open_int(name, size, 0, info, existed);
 }
 
 void qel_shm_close(qel_shm_info* info) {
     if (info == nullptr || info->addr == nullptr) return;
     auto* start = static_cast<std::byte*>(info->addr) - info->hdr_size;
-    qel::shm_platform::unmap(start, std::size_t{info->size} + info->hdr_size);
+    shm_platform::unmap(start, std::size_t{info->size} + info->hdr_size);
     info->addr = nullptr;
 }
 
 int qel_shm_unlink(const char* name) {
     if (name == nullptr) return EINVAL;
-    qel::ShmPath path;
-    if (int error = qel::build_path(name, path); error != 0) return error;
-    return qel::shm_platform::remove_object(path.text);
+    ShmPath path;
+    if (int error = build_path(name, path); error != 0) return error;
+    return shm_platform::remove_object(path.text);
 }
