@@ -1,7 +1,7 @@
 /** @file hash.h
- *  Hash set, hash map and the general hash of a byte string.
+ * Hash set, hash map and the general hash of a byte string.
  *
- *  A `qel_hashset` chains elements that the caller owns: an element embeds a `qel_hash_link`, the caller
+ * A `qel_hashset` chains elements that the caller owns: an element embeds a `qel_hash_link`, the caller
  * supplies the hash and the match. It allocates nothing for an element; its array of buckets follows the
  * count through a fixed table of primes. A `qel_hashmap` pairs keys with values on top of it and keeps its
  * own tuples.
@@ -11,22 +11,24 @@
  *      static bool route_match(const void* probe, const void* route, void* context);
  *
  *      qel_hashset* routes;
- *      int error = qel_hashset_create(&routes, NULL, offsetof(struct route, link), route_hash, route_match,
- * NULL); qel_hashset_insert(routes, route); struct route probe = { .prefix = wanted }; struct route* found =
- * qel_hashset_get(routes, &probe);
+ *      int32_t at = offsetof(struct route, link);
+ *      int error = qel_hashset_create(&routes, NULL, at, route_hash, route_match, NULL);
+ *      qel_hashset_insert(routes, route);
+ *      struct route probe = { .prefix = wanted };
+ *      struct route* found = qel_hashset_get(routes, &probe);
  *
- *  Order: iteration goes through the buckets in ascending index and through a chain from its head. A new
+ * Order: iteration goes through the buckets in ascending index and through a chain from its head. A new
  * element heads its chain, so of several with one hash the newest comes first - until the next resize. A
  * resize walks the old array in iteration order and puts each element at the head of its new chain, which
  * turns elements of one hash round; the next one turns them back. Who needs the newest of several equal keys
  * keeps one key once.
  *
- *  Size: a set begins with 13 buckets and goes to the next prime when its count passes 85 per cent of the
+ * Size: a set begins with 13 buckets and goes to the next prime when its count passes 85 per cent of the
  * size, to the previous one when it falls below 20 per cent, one step or more; 13 and 85,210,757 are the
  * ends. A resize that finds no memory leaves the set as it is, with longer chains, and the next insertion or
  * removal tries again.
  *
- *  Threads: there are no locks in here. The caller makes sure that one thread at a time uses a set or map;
+ * Threads: there are no locks in here. The caller makes sure that one thread at a time uses a set or map;
  * different ones are independent. The hash and match functions run inside the calls and must return. A
  * handler of an iteration may end its thread.
  */
@@ -85,7 +87,7 @@ QEL_API int qel_hash_attr_init(qel_hash_attr* attr);
 QEL_API void qel_hash_attr_sethashtable(qel_hash_attr* attr, uint32_t size);
 
 /** Makes an empty set and stores it in 'out'. 'attr' is ignored. 'hash' and 'match' get 'context'.
- *  Returns 0; EINVAL for a null 'out', 'hash' or 'match'; ENOMEM. 'out' is written on success only. */
+ * Returns 0; EINVAL for a null 'out', 'hash' or 'match'; ENOMEM. 'out' is written on success only. */
 QEL_API int qel_hashset_create(qel_hashset** out, const qel_hash_attr* attr, int32_t link_offset,
                                qel_hashset_hash hash, qel_hashset_match match, void* context);
 
@@ -145,7 +147,7 @@ typedef struct qel_hashmap {
 } qel_hashmap;
 
 /** Makes an empty map and stores it in 'out'. 'attr' is ignored.
- *  Returns 0; EINVAL for a null 'out', 'key_hash' or 'key_match'; ENOMEM. 'out' is written on success only.
+ * Returns 0; EINVAL for a null 'out', 'key_hash' or 'key_match'; ENOMEM. 'out' is written on success only.
  */
 QEL_API int qel_hashmap_create(qel_hashmap** out, const qel_hash_attr* attr, qel_hashmap_key_hash key_hash,
                                qel_hashmap_key_match key_match, void* key_context);
@@ -172,11 +174,11 @@ QEL_API void* qel_hashmap_key(const qel_hashmap_tuple* tuple);
 QEL_API void* qel_hashmap_value(const qel_hashmap_tuple* tuple);
 
 /** Takes 'tuple' out of the map, which must hold it, and frees it.
- *  Returns 0; ENOENT for a null tuple; EINVAL for a null map. */
+ * Returns 0; ENOENT for a null tuple; EINVAL for a null map. */
 QEL_API int qel_hashmap_remove_tuple(qel_hashmap* map, qel_hashmap_tuple* tuple);
 
 /** Takes away the tuple that qel_hashmap_get() would find.
- *  Returns 0; EINVAL for a null map or a key of 0; ENOENT when there is none. */
+ * Returns 0; EINVAL for a null map or a key of 0; ENOENT when there is none. */
 QEL_API int qel_hashmap_remove(qel_hashmap* map, const void* key);
 
 /** As the set's calls of these names; 0, null and nothing for a null map. */

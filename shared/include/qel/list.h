@@ -1,7 +1,7 @@
 /** @file list.h
- *  General lists: doubly linked, with a name, a size limit and an owner pointer in each element.
+ * General lists: doubly linked, with a name, a size limit and an owner pointer in each element.
  *
- *  A direct list links elements that the caller provides. An indirect list (QEL_LIST_INDIRECT) takes its
+ * A direct list links elements that the caller provides. An indirect list (QEL_LIST_INDIRECT) takes its
  * elements from a private pool: the caller passes a null element and gets one back. What an element's 'data'
  * refers to stays the caller's either way, and 'data' is never 0.
  *
@@ -11,10 +11,10 @@
  *      qel_list_remove(peers, NULL, peer);
  *      qel_list_destroy(&peers);
  *
- *  Elements of indirect lists may move to other indirect lists: each returns to the pool that it came from,
+ * Elements of indirect lists may move to other indirect lists: each returns to the pool that it came from,
  * and the pool of a list that is destroyed lives until its last element is back.
  *
- *  Threads: there are no locks in here. The caller makes sure that one thread at a time uses a list, and both
+ * Threads: there are no locks in here. The caller makes sure that one thread at a time uses a list, and both
  * lists of a move or merge. Two lists that exchanged elements may then be used under locks of their own.
  */
 #ifndef QEL_LIST_H
@@ -43,7 +43,7 @@ typedef struct qel_list_element {
 } qel_list_element;
 
 /** Writes one line of text about 'element' into 'buffer' (1,024 bytes from qel_list_print()), ended by NUL.
- *  Returns 1 if it did. */
+ * Returns 1 if it did. */
 typedef int (*qel_list_print_handler)(struct qel_list* list, qel_list_element* element, char* buffer);
 /** Compares the data of an element on the list with the data asked about: 0 equal, positive when the existing
  * one goes behind, negative when it goes before. */
@@ -72,13 +72,13 @@ QEL_API cerrno qel_list_init(qel_list* list, uint32_t max_size, const char* name
                              qel_list_print_handler print_handler);
 
 /** The same in a descriptor from named memory, stored in 'out' on success only.
- *  Returns 0; 0xa0000016 for a null 'out'; 0xa000000c without memory. */
+ * Returns 0; 0xa0000016 for a null 'out'; 0xa000000c without memory. */
 QEL_API cerrno qel_list_create(qel_list** out, uint32_t max_size, const char* name, uint32_t flags,
                                qel_list_print_handler print_handler);
 
 /** Ends an empty list: its pool goes, at the latest when elements that moved away are freed. A created
  * descriptor is freed and the pointer nulled; one that was initialised is left as an empty direct list.
- *  Returns 0; 0xa0000016 for a null pointer or a list that isn't valid; 0xa0000010 for one that isn't empty.
+ * Returns 0; 0xa0000016 for a null pointer or a list that isn't valid; 0xa0000010 for one that isn't empty.
  */
 QEL_API cerrno qel_list_destroy(qel_list** list);
 
@@ -89,7 +89,7 @@ QEL_API qel_list_element* qel_list_enqueue(qel_list* list, qel_list_element* ele
 QEL_API qel_list_element* qel_list_requeue(qel_list* list, qel_list_element* element, void* data);
 
 /** Puts 'data' before the first element for which 'compare' is positive, else at the tail.
- *  Returns the element; null as for qel_list_enqueue(), for a null 'compare', and when 'compare' gave 0 on
+ * Returns the element; null as for qel_list_enqueue(), for a null 'compare', and when 'compare' gave 0 on
  * the way: an equal one is there. */
 QEL_API qel_list_element* qel_list_insert(qel_list* list, qel_list_element* element, void* data,
                                           qel_list_compare compare);
@@ -117,25 +117,27 @@ QEL_API cerrno qel_list_walk(qel_list* list, qel_list_walker walker, void* conte
  * hold the current element, the one behind it and the data of the current one, as noted at the step before;
  * they advance if all is still so. Otherwise, and at the end, the current element becomes null.
  *
- *      current = qel_list_get_head(list), following = qel_list_get_next(current), data =
- * qel_list_get_data(current); while (current != NULL) {
+ *      current = qel_list_get_head(list);
+ *      following = qel_list_get_next(current);
+ *      data = qel_list_get_data(current);
+ *      while (current != NULL) {
  *          ... use data ...
  *          if (!qel_list_check(&current, &following, &data)) ... changed: begin again ...
  *      }
  *
- *  An element that left the list must still be readable: true of a caller's own elements.
- *  Returns 1 for a step and at the end ('following' was null); 0 when the list changed, and for a null
+ * An element that left the list must still be readable: true of a caller's own elements.
+ * Returns 1 for a step and at the end ('following' was null); 0 when the list changed, and for a null
  * argument. */
 QEL_API int qel_list_check(qel_list_element** current, qel_list_element** following, void** data);
 
 /** Moves 'element' from its list to the tail of 'destination'.
- *  Returns 0, also when nothing happens because one list isn't valid or the element is on none; 0xa0000016
+ * Returns 0, also when nothing happens because one list isn't valid or the element is on none; 0xa0000016
  * for a null argument; 0xa0000001 if the flags of the lists differ; 0xa000001c if the destination is another
  * list and full. */
 QEL_API cerrno qel_list_move(qel_list* destination, qel_list_element* element);
 
 /** Moves all elements of 'source', in order, behind those of 'destination'; the source stays, empty.
- *  Returns 0, also for an empty source or one that is the destination; 0xa0000016 for a list that isn't
+ * Returns 0, also for an empty source or one that is the destination; 0xa0000016 for a list that isn't
  * valid; 0xa0000001 if one is indirect and the other not; 0xa000001c if the sum passes the destination's
  * limit. */
 QEL_API cerrno qel_list_merge(qel_list* destination, qel_list* source);
@@ -147,12 +149,12 @@ QEL_API void qel_list_element_insert(qel_list* list, qel_list_element* element,
                                      qel_list_element* predecessor);
 
 /** Prints a line for the list and one an element to standard output, with the text of the print handler.
- *  Returns 0; 0xa0000016 for a null list; 0xa0000026 without a handler; 0xa0000020, at once, when the handler
+ * Returns 0; 0xa0000016 for a null list; 0xa0000026 without a handler; 0xa0000020, at once, when the handler
  * fails. */
 QEL_API cerrno qel_list_print(qel_list* list);
 
 /** Calls the print handler for one element.
- *  Returns 0; 0xa0000016 for a null list; 0xa0000026 without a handler; 0xa0000020 if it doesn't return 1. */
+ * Returns 0; 0xa0000016 for a null list; 0xa0000026 without a handler; 0xa0000020 if it doesn't return 1. */
 QEL_API cerrno qel_list_elem_print(qel_list* list, qel_list_element* element, char* buffer);
 
 /** Set and tell the print handler. A null handler keeps the old one; null for a null list. */

@@ -10,8 +10,9 @@
  * A chunk pool hands out elements of one size from blocks of many, faster than the heap. It may grow block by
  * block, zero each element, and count references:
  *
- *     qel_mem_chunk* pool = qel_mem_chunk_create(sizeof(struct job), 32, QEL_MEM_CHUNK_DYNAMIC, 0, 0,
- * "jobs"); struct job* j = qel_mem_chunk_malloc(pool);
+ *     uint32_t size = sizeof(struct job);
+ *     qel_mem_chunk* pool = qel_mem_chunk_create(size, 32, QEL_MEM_CHUNK_DYNAMIC, 0, 0, "jobs");
+ *     struct job* j = qel_mem_chunk_malloc(pool);
  *     ...
  *     qel_mem_chunk_free(pool, j);
  *     qel_mem_chunk_destroy(pool);

@@ -1,14 +1,16 @@
 /** @file queue.h
- *  Intrusive queues: `qel_queue`, singly linked with a head and a tail, and `qel_dqueue`, a doubly linked
+ * Intrusive queues: `qel_queue`, singly linked with a head and a tail, and `qel_dqueue`, a doubly linked
  * ring.
  *
- *  Neither allocates and neither owns its elements: an element is the caller's structure, and its links lie
+ * Neither allocates and neither owns its elements: an element is the caller's structure, and its links lie
  * inside it. Take a `qel_queue` for free lists, work queues and whatever leaves in order; take a `qel_dqueue`
  * for whatever leaves from the middle, such as timers and event lists.
  *
- *      struct work { void* link; int number; };         // a queue element: the first word is the link, 0
- * while off struct qel_queue queue; qel_queue_init(&queue, 0); qel_queue_enqueue(&queue, &some_work); struct
- * work* next = qel_queue_dequeue(&queue);
+ *      struct work { void* link; int number; };         // a queue element begins with its link, 0 when off
+ *      qel_queue queue;
+ *      qel_queue_init(&queue, 0);
+ *      qel_queue_enqueue(&queue, &some_work);
+ *      struct work* next = qel_queue_dequeue(&queue);
  *
  *      struct timer { qel_dqueue ring; int id; };       // a ring element: anywhere in the structure
  *      qel_dqueue head;
@@ -17,7 +19,7 @@
  *      qel_dqueue_insert(&timer->ring, qel_dqueue_get_prev(&head));  // behind the last
  *      qel_dqueue_remove(&timer->ring);
  *
- *  Threads: there are no locks in here. The caller makes sure that one thread at a time uses a queue or a
+ * Threads: there are no locks in here. The caller makes sure that one thread at a time uses a queue or a
  * ring, reads included; different queues are independent.
  */
 #ifndef QEL_QUEUE_H
@@ -29,7 +31,7 @@ QEL_BEGIN_DECLS
 
 /** A queue's header. All zeros is an empty queue without a limit.
  *
- *  The last element's link is 0, so a link of 0 alone doesn't tell that an element is off every queue; the
+ * The last element's link is 0, so a link of 0 alone doesn't tell that an element is off every queue; the
  * calls that put an element on a queue therefore also refuse the present tail of that queue. */
 typedef struct qel_queue {
     void* head;      /**< first element, or null */
@@ -43,15 +45,15 @@ typedef struct qel_queue {
 QEL_API int qel_queue_init(qel_queue* queue, size_t max_size);
 
 /** Appends 'element' at the tail. The limit is not looked at.
- *  Returns the element; null for a null argument, an element whose link isn't 0, or the present tail. */
+ * Returns the element; null for a null argument, an element whose link isn't 0, or the present tail. */
 QEL_API void* qel_queue_enqueue(qel_queue* queue, void* element);
 
 /** Puts 'element' at the head. Results as for qel_queue_enqueue(). */
 QEL_API void* qel_queue_requeue(qel_queue* queue, void* element);
 
 /** Inserts 'element' behind 'predecessor', which is on the queue; a null predecessor means at the head.
- *  Returns the element; null as for qel_queue_enqueue(), and for a predecessor that ends no queue of its own
- * but isn't this queue's tail. */
+ * Returns the element; null as for qel_queue_enqueue(), and for a predecessor that nothing follows and that
+ * isn't this queue's tail. */
 QEL_API void* qel_queue_insert(qel_queue* queue, void* element, void* predecessor);
 
 /** Removes the head and clears its link. Returns it; null for a null or empty queue. */
@@ -63,11 +65,11 @@ QEL_API void* qel_queue_dequeue(qel_queue* queue);
 QEL_API void* qel_queue_remove(qel_queue* queue, void* element, void* predecessor);
 
 /** Searches 'element' from the head and removes it.
- *  Returns it with its link cleared; null for a null argument or when it isn't on the queue. */
+ * Returns it with its link cleared; null for a null argument or when it isn't on the queue. */
 QEL_API void* qel_queue_unqueue(qel_queue* queue, void* element);
 
 /** Searches 'old_element' from the head and puts 'new_element' in its place; the count stays.
- *  Returns the old element with its link cleared; null for a null argument, a new element that is on a queue,
+ * Returns the old element with its link cleared; null for a null argument, a new element that is on a queue,
  * or an old one that isn't on this one. */
 QEL_API void* qel_queue_swapqueue(qel_queue* queue, void* new_element, void* old_element);
 

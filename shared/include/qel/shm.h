@@ -9,8 +9,8 @@
  *     }
  *     ...
  *     qel_shm_info info;
- *     int error = qel_shm_safe_open("element.table", QEL_SHM_CREATE, sizeof(struct table), 1, fill, NULL, 0,
- * &info);
+ *     uint32_t size = sizeof(struct table);
+ *     int error = qel_shm_safe_open("element.table", QEL_SHM_CREATE, size, 1, fill, NULL, 0, &info);
  *     ...
  *     qel_shm_close(&info);
  *
