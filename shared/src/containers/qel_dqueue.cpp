@@ -8,19 +8,21 @@
 // initialised. Locks and threads: none; the caller of each ring holds its own lock.
 #include "containers/qel_dqueue.hpp"
 
+using namespace qel;
+
 int qel_dqueue_init(qel_dqueue* element, void* parent) {
-    if (element != nullptr) qel::dqueue_init(*element, parent);
+    if (element != nullptr) dqueue_init(*element, parent);
     return 0;
 }
 
 void qel_dqueue_insert(qel_dqueue* element, qel_dqueue* after) {
     if (element == nullptr || after == nullptr || element == after || after->next == nullptr) return;
-    qel::dqueue_insert(*element, *after);
+    dqueue_insert(*element, *after);
 }
 
 void qel_dqueue_remove(qel_dqueue* element) {
     if (element == nullptr || element->next == nullptr || element->prev == nullptr) return;
-    qel::dqueue_remove(*element);
+    dqueue_remove(*element);
 }
 
 qel_dqueue* qel_dqueue_get_next(const qel_dqueue* element) {
@@ -40,5 +42,5 @@ void qel_dqueue_set_parent(qel_dqueue* element, void* parent) {
 }
 
 int qel_dqueue_initial_element(const qel_dqueue* element) {
-    return element != nullptr && qel::dqueue_is_initial(*element);
+    return element != nullptr && dqueue_is_initial(*element);
 }

@@ -20,7 +20,7 @@ constexpr std::uint32_t kTupleFlags = QEL_MEM_CHUNK_DYNAMIC | QEL_MEM_CHUNK_FAST
 static_assert(sizeof(qel_hashmap_tuple) == 32 && kTupleFlags == 0x411);
 
 void destroy_pool(qel_mem_chunk* pool) {
-    (void)qel_mem_chunk_destroy(pool);  // every tuple is back, or none was ever taken
+    static_cast<void>(qel_mem_chunk_destroy(pool));  // Every tuple is back, or none was ever taken.
 }
 using TuplePool = Unique<qel_mem_chunk*, destroy_pool>;
 
@@ -54,15 +54,17 @@ int free_tuple(qel_hashset*, void* tuple, void* pool) {
 }  // namespace
 }  // namespace qel
 
+using namespace qel;
+
 int qel_hashmap_create(qel_hashmap** out, const qel_hash_attr*, qel_hashmap_key_hash key_hash,
                        qel_hashmap_key_match key_match, void* key_context) {
     if (out == nullptr || key_hash == nullptr || key_match == nullptr) return EINVAL;
-    qel::Owned<qel_hashmap> map = qel::allocate_zeroed<qel_hashmap>(QEL_MEM_UTILS);
+    Owned<qel_hashmap> map = allocate_zeroed<qel_hashmap>(QEL_MEM_UTILS);
     if (!map) return ENOMEM;
-    qel::TuplePool tuples{qel_mem_chunk_create(sizeof(qel_hashmap_tuple), qel::kTuplesPerBlock,
-                                               qel::kTupleFlags, 0, 4, "qel hashmap tuples")};
+    TuplePool tuples{qel_mem_chunk_create(sizeof(qel_hashmap_tuple), kTuplesPerBlock, kTupleFlags, 0, 4,
+                                          "qel hashmap tuples")};
     if (!tuples) return ENOMEM;
-    int error = qel_hashset_create(&map->set, nullptr, 0, qel::hash_tuple, qel::match_tuples, map.get());
+    int error = qel_hashset_create(&map->set, nullptr, 0, hash_tuple, match_tuples, map.get());
     if (error != 0) return error;
     map->tuples = tuples.release();
     map->key_hash = key_hash;
@@ -74,11 +76,11 @@ int qel_hashmap_create(qel_hashmap** out, const qel_hash_attr*, qel_hashmap_key_
 
 void qel_hashmap_free(qel_hashmap** map) {
     if (map == nullptr || *map == nullptr) return;
-    qel::Owned<qel_hashmap> owned{*map};
+    Owned<qel_hashmap> owned{*map};
     *map = nullptr;
-    qel::visit_all(*qel::inner(owned->set), qel::free_tuple, owned->tuples);
+    visit_all(*inner(owned->set), free_tuple, owned->tuples);
     qel_hashset_free(&owned->set);
-    qel::destroy_pool(owned->tuples);
+    destroy_pool(owned->tuples);
 }
 
 qel_hashmap_tuple* qel_hashmap_insert(qel_hashmap* map, void* key, void* value) {
@@ -119,7 +121,7 @@ int qel_hashmap_remove_tuple(qel_hashmap* map, qel_hashmap_tuple* tuple) {
     if (tuple == nullptr) return ENOENT;
     if (map == nullptr) return EINVAL;
     qel_hashset_remove(map->set, tuple);
-    (void)qel_mem_chunk_free(map->tuples, tuple);  // it came from this pool
+    static_cast<void>(qel_mem_chunk_free(map->tuples, tuple));  // It came from this pool.
     return 0;
 }
 
@@ -142,6 +144,6 @@ qel_hashmap_tuple* qel_hashmap_next(qel_hashmap* map, qel_hashmap_tuple* tuple) 
 
 void qel_hashmap_iterate(qel_hashmap* map, qel_hashmap_handler handler, void* context) {
     if (map == nullptr || handler == nullptr) return;
-    qel::MapVisit visit{map, handler, context};
-    qel_hashset_iterate(map->set, qel::visit_tuple, &visit);
+    MapVisit visit{map, handler, context};
+    qel_hashset_iterate(map->set, visit_tuple, &visit);
 }

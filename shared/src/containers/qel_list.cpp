@@ -56,7 +56,8 @@ void* dismiss(qel_list_element& element) {
     const bool indirect = qel_list_is_indirect(element.list) != 0;
     void* data = element.data;
     take_off(element);
-    if (indirect) (void)chunk_free_to_owner(&element);  // it came from a pool, so this can't be refused
+    // It came from a pool, so this can't be refused.
+    if (indirect) static_cast<void>(chunk_free_to_owner(&element));
     return data;
 }
 
@@ -79,14 +80,16 @@ void adopt_all(qel_list& destination, qel_list& source) {
 }  // namespace
 }  // namespace qel
 
+using namespace qel;
+
 cerrno qel_list_init(qel_list* list, uint32_t max_size, const char* name, uint32_t flags,
                      qel_list_print_handler print_handler) {
-    if (list == nullptr) return qel::fatal(EINVAL);
+    if (list == nullptr) return fatal(EINVAL);
     *list = {};
     if ((flags & QEL_LIST_INDIRECT) != 0) {
-        list->element_chunk = qel_mem_chunk_create(sizeof(qel_list_element), qel::kElementsPerBlock,
-                                                   qel::kElementFlags, 0, 0, "List Elements");
-        if (list->element_chunk == nullptr) return qel::fatal(ENOMEM);
+        list->element_chunk = qel_mem_chunk_create(sizeof(qel_list_element), kElementsPerBlock, kElementFlags,
+                                                   0, 0, "List Elements");
+        if (list->element_chunk == nullptr) return fatal(ENOMEM);
     }
     list->flags = static_cast<uint16_t>(flags & QEL_LIST_INDIRECT);
     list->state = QEL_LIST_STATE_VALID;
@@ -98,9 +101,9 @@ cerrno qel_list_init(qel_list* list, uint32_t max_size, const char* name, uint32
 
 cerrno qel_list_create(qel_list** out, uint32_t max_size, const char* name, uint32_t flags,
                        qel_list_print_handler print_handler) {
-    if (out == nullptr) return qel::fatal(EINVAL);
-    qel::Owned<qel_list> list = qel::allocate_zeroed<qel_list>(QEL_MEM_UTILS);
-    if (!list) return qel::fatal(ENOMEM);
+    if (out == nullptr) return fatal(EINVAL);
+    Owned<qel_list> list = allocate_zeroed<qel_list>(QEL_MEM_UTILS);
+    if (!list) return fatal(ENOMEM);
     cerrno error = qel_list_init(list.get(), max_size, name, flags, print_handler);
     if (error != 0) return error;
     list->state |= QEL_LIST_STATE_ALLOCATED;
@@ -109,26 +112,26 @@ cerrno qel_list_create(qel_list** out, uint32_t max_size, const char* name, uint
 }
 
 cerrno qel_list_destroy(qel_list** list) {
-    if (list == nullptr || !qel_list_is_valid(*list)) return qel::fatal(EINVAL);
+    if (list == nullptr || !qel_list_is_valid(*list)) return fatal(EINVAL);
     qel_list& ended = **list;
-    if (!qel_list_is_empty(&ended)) return qel::fatal(EBUSY);
-    qel::chunk_retire(std::exchange(ended.element_chunk, nullptr));
+    if (!qel_list_is_empty(&ended)) return fatal(EBUSY);
+    chunk_retire(std::exchange(ended.element_chunk, nullptr));
     ended.flags = 0;
     if ((ended.state & QEL_LIST_STATE_ALLOCATED) != 0) qel_named_free(std::exchange(*list, nullptr));
     return 0;
 }
 
 qel_list_element* qel_list_enqueue(qel_list* list, qel_list_element* element, void* data) {
-    return qel::may_enter(list, element, data) ? qel::enter(*list, element, data, list->tail) : nullptr;
+    return may_enter(list, element, data) ? enter(*list, element, data, list->tail) : nullptr;
 }
 
 qel_list_element* qel_list_requeue(qel_list* list, qel_list_element* element, void* data) {
-    return qel::may_enter(list, element, data) ? qel::enter(*list, element, data, nullptr) : nullptr;
+    return may_enter(list, element, data) ? enter(*list, element, data, nullptr) : nullptr;
 }
 
 qel_list_element* qel_list_insert(qel_list* list, qel_list_element* element, void* data,
                                   qel_list_compare compare) {
-    if (compare == nullptr || !qel::may_enter(list, element, data)) return nullptr;
+    if (compare == nullptr || !may_enter(list, element, data)) return nullptr;
     qel_list_element* predecessor = nullptr;
     for (qel_list_element* existing = list->head; existing != nullptr; existing = existing->next) {
         const int order = compare(existing->data, data);
@@ -136,39 +139,39 @@ qel_list_element* qel_list_insert(qel_list* list, qel_list_element* element, voi
         if (order > 0) break;
         predecessor = existing;
     }
-    return qel::enter(*list, element, data, predecessor);
+    return enter(*list, element, data, predecessor);
 }
 
 void* qel_list_dequeue(qel_list* list) {
     if (!qel_list_is_valid(list) || list->head == nullptr) return nullptr;
-    return qel::dismiss(*list->head);
+    return dismiss(*list->head);
 }
 
 void* qel_list_remove(qel_list* list, qel_list_element* element, void* data) {
     if (!qel_list_is_valid(list)) return nullptr;
-    if (element == nullptr && data != nullptr) element = qel::find_data(*list, data);
-    return element != nullptr && element->list == list ? qel::dismiss(*element) : nullptr;
+    if (element == nullptr && data != nullptr) element = find_data(*list, data);
+    return element != nullptr && element->list == list ? dismiss(*element) : nullptr;
 }
 
 cerrno qel_list_move(qel_list* destination, qel_list_element* element) {
-    if (destination == nullptr || element == nullptr) return qel::fatal(EINVAL);
+    if (destination == nullptr || element == nullptr) return fatal(EINVAL);
     qel_list* source = element->list;
     if (source == nullptr) return 0;
-    if (source->flags != destination->flags) return qel::fatal(EPERM);
+    if (source->flags != destination->flags) return fatal(EPERM);
     if (!qel_list_is_valid(destination) || !qel_list_is_valid(source) || qel_list_is_empty(source)) return 0;
-    if (source != destination && qel_list_is_full(destination)) return qel::fatal(ENOSPC);
-    qel::take_off(*element);
+    if (source != destination && qel_list_is_full(destination)) return fatal(ENOSPC);
+    take_off(*element);
     qel_list_element_insert(destination, element, destination->tail);
     return 0;
 }
 
 cerrno qel_list_merge(qel_list* destination, qel_list* source) {
-    if (!qel_list_is_valid(destination) || !qel_list_is_valid(source)) return qel::fatal(EINVAL);
-    if (qel_list_is_indirect(destination) != qel_list_is_indirect(source)) return qel::fatal(EPERM);
+    if (!qel_list_is_valid(destination) || !qel_list_is_valid(source)) return fatal(EINVAL);
+    if (qel_list_is_indirect(destination) != qel_list_is_indirect(source)) return fatal(EPERM);
     if (destination == source || qel_list_is_empty(source)) return 0;
     const uint64_t sum = uint64_t{destination->count} + source->count;
-    if (destination->max_size != 0 && sum > destination->max_size) return qel::fatal(ENOSPC);
-    qel::adopt_all(*destination, *source);
+    if (destination->max_size != 0 && sum > destination->max_size) return fatal(ENOSPC);
+    adopt_all(*destination, *source);
     return 0;
 }
 

@@ -12,6 +12,8 @@
 
 #include "core/qel_codes.hpp"
 
+using namespace qel;
+
 namespace {
 
 constexpr size_t kPrintedLine = 1024;
@@ -27,7 +29,7 @@ void* qel_list_lookup(qel_list* list, qel_list_element* scratch, void* data, qel
 }
 
 cerrno qel_list_walk(qel_list* list, qel_list_walker walker, void* context) {
-    if (!qel_list_is_valid(list) || walker == nullptr) return qel::fatal(EINVAL);
+    if (!qel_list_is_valid(list) || walker == nullptr) return fatal(EINVAL);
     for (qel_list_element *following, *element = list->head; element != nullptr; element = following) {
         following = element->next;
         cerrno result = walker(list, element, following, context);
@@ -50,22 +52,24 @@ int qel_list_check(qel_list_element** current, qel_list_element** following, voi
 }
 
 cerrno qel_list_print(qel_list* list) {
-    if (list == nullptr) return qel::fatal(EINVAL);
-    if (list->print_handler == nullptr) return qel::fatal(ENOSYS);
-    (void)qel_cli_printf("List %s, size: %d\n", list->name, static_cast<int>(list->count));
+    if (list == nullptr) return fatal(EINVAL);
+    if (list->print_handler == nullptr) return fatal(ENOSYS);
+    // Whether the lines reach the terminal is no result of this call.
+    static_cast<void>(qel_cli_printf("List %s, size: %d\n", list->name, static_cast<int>(list->count)));
     std::array<char, kPrintedLine> text{};
     for (qel_list_element* element = list->head; element != nullptr; element = element->next) {
         cerrno error = qel_list_elem_print(list, element, text.data());
         if (error != 0) return error;
-        (void)qel_cli_printf("\tElement %p data: %s\n", static_cast<void*>(element), text.data());
+        static_cast<void>(
+            qel_cli_printf("\tElement %p data: %s\n", static_cast<void*>(element), text.data()));
     }
     return 0;
 }
 
 cerrno qel_list_elem_print(qel_list* list, qel_list_element* element, char* buffer) {
-    if (list == nullptr) return qel::fatal(EINVAL);
-    if (list->print_handler == nullptr) return qel::fatal(ENOSYS);
-    return list->print_handler(list, element, buffer) == 1 ? 0 : qel::fatal(EPIPE);
+    if (list == nullptr) return fatal(EINVAL);
+    if (list->print_handler == nullptr) return fatal(ENOSYS);
+    return list->print_handler(list, element, buffer) == 1 ? 0 : fatal(EPIPE);
 }
 
 void qel_list_set_print_handler(qel_list* list, qel_list_print_handler handler) {

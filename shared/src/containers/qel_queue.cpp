@@ -10,8 +10,7 @@
 
 #include <qel/base.h>
 
-using qel::queue_link;
-using qel::QueueLink;
+using namespace qel;
 
 namespace {
 
@@ -36,11 +35,11 @@ int qel_queue_init(qel_queue* queue, size_t max_size) {
 }
 
 void* qel_queue_enqueue(qel_queue* queue, void* element) {
-    return may_enter(queue, element) ? qel::queue_append(*queue, element) : nullptr;
+    return may_enter(queue, element) ? queue_append(*queue, element) : nullptr;
 }
 
 void* qel_queue_requeue(qel_queue* queue, void* element) {
-    return may_enter(queue, element) ? qel::queue_put(*queue, queue->head, element) : nullptr;
+    return may_enter(queue, element) ? queue_put(*queue, queue->head, element) : nullptr;
 }
 
 void* qel_queue_insert(qel_queue* queue, void* element, void* predecessor) {
@@ -49,22 +48,22 @@ void* qel_queue_insert(qel_queue* queue, void* element, void* predecessor) {
     // A predecessor that nothing follows is this queue's tail, or else not on it: another's, or 'element'
     // itself.
     if (queue_link(predecessor) == nullptr && predecessor != queue->tail) return nullptr;
-    return qel::queue_put(*queue, queue_link(predecessor), element);
+    return queue_put(*queue, queue_link(predecessor), element);
 }
 
 void* qel_queue_dequeue(qel_queue* queue) {
-    return queue == nullptr ? nullptr : qel::queue_pop(*queue);
+    return queue == nullptr ? nullptr : queue_pop(*queue);
 }
 
 void* qel_queue_remove(qel_queue* queue, void* element, void* predecessor) {
     if (queue == nullptr || element == nullptr) return nullptr;
     QueueLink& place = predecessor == nullptr ? queue->head : queue_link(predecessor);
-    return place == element ? qel::queue_take(*queue, place) : nullptr;
+    return place == element ? queue_take(*queue, place) : nullptr;
 }
 
 void* qel_queue_unqueue(qel_queue* queue, void* element) {
     QueueLink* place = find_place(queue, element);
-    return place == nullptr ? nullptr : qel::queue_take(*queue, *place);
+    return place == nullptr ? nullptr : queue_take(*queue, *place);
 }
 
 void* qel_queue_swapqueue(qel_queue* queue, void* new_element, void* old_element) {
@@ -72,8 +71,8 @@ void* qel_queue_swapqueue(qel_queue* queue, void* new_element, void* old_element
     if (new_element == nullptr || queue_link(new_element) != nullptr) return nullptr;
     QueueLink* place = find_place(queue, old_element);
     if (place == nullptr) return nullptr;
-    qel::queue_take(*queue, *place);
-    qel::queue_put(*queue, *place, new_element);
+    queue_take(*queue, *place);
+    queue_put(*queue, *place, new_element);
     return old_element;
 }
 

@@ -100,51 +100,53 @@ bool is_registered(const qel_cerrno_node* node) {
 }  // namespace
 }  // namespace qel
 
+using namespace qel;
+
 void __register_cerrno(qel_cerrno_node* node) {
     // A node entered twice would close the list to a ring.
-    if (node == nullptr || qel::is_registered(node)) return;
+    if (node == nullptr || is_registered(node)) return;
     node->next = qel_cerrno_root;
     qel_cerrno_root = node;
 }
 
 cerrno qel_cerrno_validate_info(const qel_cerrno_info* info) {
     qel_check_not_interrupt_path();
-    if (info == nullptr || info->subsystem >= qel::kSubsystemCount || qel::is_empty(info->name) ||
-        info->count == 0 || info->codes == nullptr || (info->major == 0 && info->minor == 0))
-        return qel::kInvalidArguments;
+    if (info == nullptr || info->subsystem >= kSubsystemCount || is_empty(info->name) || info->count == 0 ||
+        info->codes == nullptr || (info->major == 0 && info->minor == 0))
+        return kInvalidArguments;
     for (uint32_t i = 0; i < info->count; ++i)
-        if (qel::is_empty(info->codes[i].text)) return qel::kInvalidArguments;
+        if (is_empty(info->codes[i].text)) return kInvalidArguments;
     return 0;
 }
 
 cerrno cerr_getstrings(uint32_t code, qel_cerrno_strings** out) {
     qel_check_not_interrupt_path();
-    if (out == nullptr) return qel::kInvalidArguments;
+    if (out == nullptr) return kInvalidArguments;
     qel_cerrno_thread* record = cerr_threadspecific();
-    if (record == nullptr) return qel::kNoHeap;
-    strerror_pd(qel::errno_of(code), record->err, sizeof record->err);
+    if (record == nullptr) return kNoHeap;
+    strerror_pd(errno_of(code), record->err, sizeof record->err);
     *out = &record->strings;
-    if (qel::is_plain_errno(code)) {
+    if (is_plain_errno(code)) {
         record->strings = {record->strings.decoded, nullptr, nullptr, nullptr, record->err};
         return 0;
     }
-    qel::set_default_texts(*record, code);
-    if (qel::subsystem_of(code) == 0) return qel::kInvalidArguments;
-    qel::CheckedLock lock{qel::cerr_list_mutex};
-    if (lock.error() != 0) return qel::lock_failed(lock.error());
-    qel::copy_map_texts_locked(*record, code);
+    set_default_texts(*record, code);
+    if (subsystem_of(code) == 0) return kInvalidArguments;
+    CheckedLock lock{cerr_list_mutex};
+    if (lock.error() != 0) return lock_failed(lock.error());
+    copy_map_texts_locked(*record, code);
     return 0;
 }
 
 const char* cerr_strerror(uint32_t code) {
     qel_check_not_interrupt_path();
     qel_cerrno_thread* record = cerr_threadspecific();
-    if (record == nullptr) return qel::kUndecodable;
-    int error = qel::errno_of(code);
-    if (qel::is_plain_errno(code) || qel::code_of(code) == 0)
+    if (record == nullptr) return kUndecodable;
+    int error = errno_of(code);
+    if (is_plain_errno(code) || code_of(code) == 0)
         return strerror_pd(error, record->err, sizeof record->err);
     qel_cerrno_strings* texts = nullptr;
     // Whatever fails below, the default texts are a readable answer.
     static_cast<void>(cerr_getstrings(code, &texts));
-    return qel::write_sentence(*record, error != 0);
+    return write_sentence(*record, error != 0);
 }

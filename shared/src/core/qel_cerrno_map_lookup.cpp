@@ -129,8 +129,10 @@ qel_cerrno_map_info* get_cerrno_info_locked(std::uint32_t subsystem) {
 
 }  // namespace qel
 
+using namespace qel;
+
 qel_cerrno_map_info* qel_get_cerrno_info(uint32_t subsystem) {
     qel_check_not_interrupt_path();
-    qel::CheckedLock lock{qel::cerr_list_mutex};
-    return lock.error() == 0 ? qel::get_cerrno_info_locked(subsystem) : nullptr;
+    CheckedLock lock{cerr_list_mutex};
+    return lock.error() == 0 ? get_cerrno_info_locked(subsystem) : nullptr;
 }

@@ -176,8 +176,10 @@ cerrno cerrno_init_locked() {
 
 }  // namespace qel
 
+using namespace qel;
+
 cerrno qel_cerrno_init(void) {
     qel_check_not_interrupt_path();
-    qel::CheckedLock lock{qel::cerr_list_mutex};
-    return lock.error() == 0 ? qel::cerrno_init_locked() : qel::lock_failed(lock.error());
+    CheckedLock lock{cerr_list_mutex};
+    return lock.error() == 0 ? cerrno_init_locked() : lock_failed(lock.error());
 }

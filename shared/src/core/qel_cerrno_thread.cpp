@@ -42,13 +42,15 @@ pthread_key_t get_record_key() {
 }  // namespace
 }  // namespace qel
 
+using namespace qel;
+
 qel_cerrno_thread* cerr_threadspecific(void) {
     qel_check_not_interrupt_path();
-    pthread_key_t key = qel::get_record_key();
-    if (key == qel::kNoKey) return nullptr;
+    pthread_key_t key = get_record_key();
+    if (key == kNoKey) return nullptr;
     if (void* record = pthread_getspecific(key); record != nullptr)
         return static_cast<qel_cerrno_thread*>(record);
-    auto record = qel::allocate_zeroed<qel_cerrno_thread>(QEL_MEM_UTILS);
+    auto record = allocate_zeroed<qel_cerrno_thread>(QEL_MEM_UTILS);
     if (!record || pthread_setspecific(key, record.get()) != 0) return nullptr;
     return record.release();
 }

@@ -80,9 +80,7 @@ bool match_parameter(const void* probe, const void* element, void*) {
 }  // namespace
 }  // namespace qel
 
-using qel::Locked;
-using qel::Parameter;
-using qel::parameters;
+using namespace qel;
 
 int qel_ppm_get_integer(const char* key, uint32_t fallback, uint32_t* out) {
     qel_check_not_interrupt_path();

@@ -58,7 +58,7 @@ pthread_key_t ensure_key() {
 bool attach_record(Owned<ThreadRecord> record) {
     pthread_key_t key = ensure_key();
     if (key == kNoKey || pthread_setspecific(key, record.get()) != 0) return false;
-    record.release();
+    static_cast<void>(record.release());  // The key's destructor frees it.
     return true;
 }
 
@@ -92,7 +92,7 @@ int qel_thread_create(pthread_t* out, const qel_thread_attr* attr, qel_thread_en
                .sched_mode = attr == nullptr ? QEL_THREAD_PREEMPTIVE : attr->sched_mode,
                .name = name == nullptr ? kDefaultName : name};
     int error = start_thread(out, attr, record.get());
-    if (error == 0) record.release();
+    if (error == 0) static_cast<void>(record.release());  // It is the new thread's.
     return error;
 }
 

@@ -63,14 +63,16 @@ int SharedMutex::lock(LongWaitHandler waited_long) {
 
 }  // namespace qel
 
+using namespace qel;
+
 int qel_init_shared_mutex(pthread_mutex_t* mutex) {
-    return qel::init_shared(mutex, pthread_mutexattr_init, pthread_mutexattr_setpshared, pthread_mutex_init,
-                            pthread_mutexattr_destroy);
+    return init_shared(mutex, pthread_mutexattr_init, pthread_mutexattr_setpshared, pthread_mutex_init,
+                       pthread_mutexattr_destroy);
 }
 
 int qel_init_shared_condvar(pthread_cond_t* condvar) {
-    return qel::init_shared(condvar, pthread_condattr_init, pthread_condattr_setpshared, pthread_cond_init,
-                            pthread_condattr_destroy);
+    return init_shared(condvar, pthread_condattr_init, pthread_condattr_setpshared, pthread_cond_init,
+                       pthread_condattr_destroy);
 }
 
 int qel_revive_and_monitor_mutex(pthread_mutex_t*) {
