@@ -204,7 +204,7 @@ TEST(HashSet, buckets_of_every_size_are_the_remainder_of_the_hash) {
     // 1,280,519.
     std::vector<Element> elements(1'000'000);
     Set set = make_set();
-    std::vector<uint32_t> sizes{set->size};
+    uint32_t seen = set->size;
     auto check_place = [&](uint32_t hash) {
         Element element{0, hash, {}};
         qel_hashset_insert(set.get(), &element);
@@ -214,24 +214,15 @@ TEST(HashSet, buckets_of_every_size_are_the_remainder_of_the_hash) {
     for (uint32_t i = 0; i < elements.size(); ++i) {
         elements[i] = {i, i * 2654435761u, {}};
         qel_hashset_insert(set.get(), &elements[i]);
-        if (set->size == sizes.back()) continue;
+        if (set->size == seen) continue;
         // The count that passed the mark of the size before.
-        ASSERT_EQ(i + 1, sizes.back() * 85ull / 100 + 2);
-        sizes.push_back(set->size);
+        ASSERT_EQ(i + 1, seen * 85ull / 100 + 2);
+        seen = set->size;
         for (uint32_t quotient : {0u, 1u, UINT32_MAX / set->size})
             for (uint32_t rest : {0u, 1u, set->size - 1}) check_place(quotient * set->size + rest);
         check_place(UINT32_MAX);
     }
-    EXPECT_EQ(sizes.size(), 21u);
-    EXPECT_EQ(sizes.back(), 1'280'519u);
-    while (set->size > 13) {
-        const uint32_t size = set->size;
-        qel_hashset_remove(set.get(), &elements[static_cast<size_t>(set->count) - 1]);
-        if (set->size == size) continue;
-        ASSERT_EQ(static_cast<uint64_t>(set->count), size * 20ull / 100 - 1);
-        sizes.pop_back();
-        ASSERT_EQ(sizes.back(), set->size);
-    }
+    EXPECT_EQ(seen, 1'280'519u);
 }
 
 TEST(HashSet, null_arguments_are_refused_and_bytes_hash_as_signed) {
@@ -240,8 +231,6 @@ TEST(HashSet, null_arguments_are_refused_and_bytes_hash_as_signed) {
     EXPECT_EQ(qel_hashset_create(&set, nullptr, 0, nullptr, same_key, nullptr), EINVAL);
     qel_hashset_free(&set);
     EXPECT_EQ(qel_hashset_next(nullptr, nullptr), nullptr);
-    EXPECT_EQ(qel_hashset_get(nullptr, &set), nullptr);
-    EXPECT_EQ(qel_hashset_size(nullptr), 0u);
     EXPECT_EQ(qel_hash_calculate("", 0), 0u);
     EXPECT_EQ(qel_hash_calculate("\xff", 1), 0xae65a494u);
     EXPECT_EQ(qel_hash_calculate("a", 1), 0xca2e9442u);
