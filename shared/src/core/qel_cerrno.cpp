@@ -132,7 +132,7 @@ cerrno cerr_getstrings(uint32_t code, qel_cerrno_strings** out) {
     }
     set_default_texts(*record, code);
     if (subsystem_of(code) == 0) return kInvalidArguments;
-    CheckedLock lock{cerr_list_mutex};
+    Locked lock{cerr_list_mutex};
     if (lock.error() != 0) return lock_failed(lock.error());
     copy_map_texts_locked(*record, code);
     return 0;

@@ -55,26 +55,6 @@ static_assert(lock_failed(0) == 0xc0010c00);
 // Serialises the decoding of composites and guards all that this process keeps of the maps.
 extern Mutex cerr_list_mutex;
 
-// A guard for callers that must not go on without the lock: ask error() first.
-class QEL_SCOPED_CAPABILITY CheckedLock {
-  public:
-    explicit CheckedLock(Mutex& mutex) QEL_ACQUIRE(mutex) : mutex_(mutex), error_(mutex.lock()) {}
-    CheckedLock(const CheckedLock&) = delete;
-    CheckedLock& operator=(const CheckedLock&) = delete;
-    ~CheckedLock() QEL_RELEASE() { unlock(); }
-
-    int error() const { return error_; }
-
-  private:
-    void unlock() QEL_NO_THREAD_SAFETY_ANALYSIS {
-        // An unlock that fails has nowhere to be told: the caller has its result.
-        if (error_ == 0) static_cast<void>(mutex_.unlock());
-    }
-
-    Mutex& mutex_;
-    int error_;
-};
-
 // Copies what fits of 'text' and ends it with NUL.
 template <std::size_t N>
 void copy_cut(char (&field)[N], std::string_view text) {

@@ -133,6 +133,6 @@ using namespace qel;
 
 qel_cerrno_map_info* qel_get_cerrno_info(uint32_t subsystem) {
     qel_check_not_interrupt_path();
-    CheckedLock lock{cerr_list_mutex};
+    Locked lock{cerr_list_mutex};
     return lock.error() == 0 ? get_cerrno_info_locked(subsystem) : nullptr;
 }

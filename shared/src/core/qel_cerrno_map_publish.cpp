@@ -180,6 +180,6 @@ using namespace qel;
 
 cerrno qel_cerrno_init(void) {
     qel_check_not_interrupt_path();
-    CheckedLock lock{cerr_list_mutex};
+    Locked lock{cerr_list_mutex};
     return lock.error() == 0 ? cerrno_init_locked() : lock_failed(lock.error());
 }

@@ -32,7 +32,7 @@ void free_record(void* value) {
 
 // The key, made if need be, or kNoKey.
 pthread_key_t get_record_key() {
-    CheckedLock lock{record_key.cerr_list_mutex};
+    Locked lock{record_key.cerr_list_mutex};
     if (lock.error() != 0) return kNoKey;
     if (record_key.key == kNoKey && pthread_key_create(&record_key.key, free_record) != 0)
         record_key.key = kNoKey;

@@ -56,13 +56,18 @@ struct SilentLockFailures {
     static void unlock_failed(int) {}
 };
 
-template <class Failures>
+// The guard of a mutex, private or, see shm/qel_shared_lock.hpp, shared. One that could not be taken is not
+// given back: that would free another's lock.
+template <class Failures, class Lockable = Mutex>
 class QEL_SCOPED_CAPABILITY BasicLocked {
   public:
-    explicit BasicLocked(Mutex& mutex) QEL_ACQUIRE(mutex) : mutex_(mutex) { lock(); }
+    explicit BasicLocked(Lockable& mutex) QEL_ACQUIRE(mutex) : mutex_(mutex) { lock(); }
     BasicLocked(const BasicLocked&) = delete;
     BasicLocked& operator=(const BasicLocked&) = delete;
     ~BasicLocked() QEL_RELEASE() { unlock(); }
+
+    // For callers that must not go on without the mutex: 0, or why it isn't held.
+    int error() const { return error_; }
 
     // Runs 'body' with the mutex free and takes it again, also when the body ends the thread. The state that
     // the mutex guards may have changed: test it again on the next line.
@@ -79,13 +84,19 @@ class QEL_SCOPED_CAPABILITY BasicLocked {
 
   private:
     void lock() QEL_NO_THREAD_SAFETY_ANALYSIS {
-        if (int error = mutex_.lock(); error != 0) Failures::lock_failed(error);
+        if constexpr (requires { &Failures::waited_long; })
+            error_ = mutex_.lock(Failures::waited_long);
+        else
+            error_ = mutex_.lock();
+        if (error_ != 0) Failures::lock_failed(error_);
     }
     void unlock() QEL_NO_THREAD_SAFETY_ANALYSIS {
+        if (error_ != 0) return;
         if (int error = mutex_.unlock(); error != 0) Failures::unlock_failed(error);
     }
 
-    Mutex& mutex_;
+    Lockable& mutex_;
+    int error_ = 0;
 };
 
 using Locked = BasicLocked<SilentLockFailures>;

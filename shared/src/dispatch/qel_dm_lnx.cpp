@@ -105,10 +105,6 @@ int write_wake_byte(int write_fd) {
     return error;
 }
 
-void close_descriptor(int fd) {
-    close(fd);
-}
-
 int wait(int epoll_fd, Event& event, int timeout_ms) {
     epoll_event native;
     int count = epoll_wait(epoll_fd, &native, 1, timeout_ms);

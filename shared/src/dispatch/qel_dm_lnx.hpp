@@ -35,7 +35,6 @@ int control(int epoll_fd, Operation operation, int fd, const Event& event);
 void forget(int epoll_fd, int fd);
 int arm_pipe(int epoll_fd, int read_fd, Operation operation);
 int write_wake_byte(int write_fd);
-void close_descriptor(int fd);
 
 // Waits for one event: 1 with 'event' filled in, 0 when time is up, or -errno. A cancelled thread unwinds
 // out of it.

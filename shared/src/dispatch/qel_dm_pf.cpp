@@ -6,14 +6,14 @@
 // Invariant, threads, restart: those of the steps. Locks: none of its own.
 #include "dispatch/qel_dm.hpp"
 
-#include "core/qel_owned.hpp"
+#include "core/qel_fd.hpp"
 
 namespace qel::dm {
 namespace {
 
 void close_platform(Dispatcher& dispatcher) {
     for (int* fd : {&dispatcher.epoll_fd, &dispatcher.pipe_read_fd, &dispatcher.pipe_write_fd})
-        if (int open = std::exchange(*fd, -1); open >= 0) platform::close_descriptor(open);
+        if (int open = std::exchange(*fd, -1); open >= 0) close_fd(open);
 }
 
 int open_platform(Dispatcher& dispatcher) {

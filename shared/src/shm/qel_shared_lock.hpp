@@ -55,45 +55,7 @@ struct SilentSharedLockFailures : SilentLockFailures {
     static void waited_long(const LongWait&) {}
 };
 
-// As BasicLocked, but a mutex that could not be taken is not given back: that would free another's lock.
 template <class Failures>
-class QEL_SCOPED_CAPABILITY BasicSharedLocked {
-  public:
-    explicit BasicSharedLocked(SharedMutex& mutex) QEL_ACQUIRE(mutex) : mutex_(mutex) { lock(); }
-    BasicSharedLocked(const BasicSharedLocked&) = delete;
-    BasicSharedLocked& operator=(const BasicSharedLocked&) = delete;
-    ~BasicSharedLocked() QEL_RELEASE() { unlock(); }
-
-    // Whether the mutex is held, and not refused by the system as none at all.
-    explicit operator bool() const { return held_; }
-
-    // Runs 'body' with the mutex free and takes it again, also when the body ends the thread. Test the state
-    // that the mutex guards again on the next line.
-    template <class Body>
-    decltype(auto) while_unlocked(Body&& body) QEL_NO_THREAD_SAFETY_ANALYSIS {
-        struct Relock {
-            BasicSharedLocked& guard;
-            ~Relock() { guard.lock(); }
-        };
-        unlock();
-        Relock relock{*this};
-        return body();
-    }
-
-  private:
-    void lock() QEL_NO_THREAD_SAFETY_ANALYSIS {
-        int error = mutex_.lock(Failures::waited_long);
-        held_ = error == 0;
-        if (!held_) Failures::lock_failed(error);
-    }
-    void unlock() QEL_NO_THREAD_SAFETY_ANALYSIS {
-        if (!held_) return;
-        held_ = false;
-        if (int error = mutex_.unlock(); error != 0) Failures::unlock_failed(error);
-    }
-
-    SharedMutex& mutex_;
-    bool held_ = false;
-};
+using BasicSharedLocked = BasicLocked<Failures, SharedMutex>;
 
 }  // namespace qel
