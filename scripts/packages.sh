@@ -1,26 +1,28 @@
-# The Debian packages that this project's scripts need, by purpose. Sourced by the scripts beside it.
+#!/usr/bin/env bash
+# The Debian packages that the scripts need, by purpose. The scripts beside it source this file.
 #
-# need <group>...  installs what is missing of the named groups: build, test, lint, bench, docs, demo.
+# need GROUP...  installs what is missing of the named groups: build, demo, test, lint, docs, bench. Asks nothing.
+# shellcheck disable=SC2034 # need() reads the lists through their names
 
-packages_build="g++ cmake ninja-build pkg-config"
-packages_test="libgtest-dev libgmock-dev binutils python3 iproute2 spin"
-packages_lint="clang clang-format"
-packages_bench="libbenchmark-dev libboost-dev libqb-dev libuv1-dev libevent-dev liblttng-ust-dev lttng-tools python3"
-packages_docs="doxygen graphviz"
+packages_build="g++ cmake ninja-build"
 packages_demo="iproute2"
+packages_test="libgtest-dev libgmock-dev pkg-config python3 iproute2 spin"
+packages_lint="clang clang-format git python3"
+packages_docs="doxygen"
+packages_bench="libbenchmark-dev libboost-dev libqb-dev libuv1-dev libevent-dev liblttng-ust-dev lttng-tools pkg-config"
 
 need() {
-    local group list missing=()
+    local group list package missing=()
     for group in "$@"; do
         list="packages_$group"
         for package in ${!list}; do
             dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
         done
     done
-    [ ${#missing[@]} -eq 0 ] && return 0
+    [ ${#missing[@]} -gt 0 ] || return 0
     echo "installing: ${missing[*]}"
-    local sudo=""
-    [ "$(id -u)" -eq 0 ] || sudo=sudo
-    $sudo apt-get update -qq
-    $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+    local as_root=(env DEBIAN_FRONTEND=noninteractive)
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo "${as_root[@]}")
+    "${as_root[@]}" apt-get update -qq </dev/null
+    "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null >/dev/null
 }
