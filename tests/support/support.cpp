@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -55,6 +57,17 @@ void write_line_to(int fd, const std::string& line) {
 
 void remove_shm_objects() {
     for (const std::string& name : shm_objects()) fs::remove(shm_file(name));
+}
+
+// What test programs left that were killed on their way.
+void remove_shm_objects_of_the_dead() {
+    for (const auto& entry : fs::directory_iterator("/dev/shm")) {
+        int pid = 0;
+        const std::string name = entry.path().filename();
+        if (std::sscanf(name.c_str(), "qt%d.", &pid) != 1 || kill(pid, 0) == 0 || errno != ESRCH) continue;
+        std::error_code gone_already;
+        fs::remove(entry.path(), gone_already);
+    }
 }
 
 }  // namespace
@@ -203,6 +216,7 @@ int main(int argc, char** argv) {
         if (found == roles().end()) return 126;
         return found->second(RoleArgs(argv + 3, argv + argc));
     }
+    remove_shm_objects_of_the_dead();
     testing::InitGoogleMock(&argc, argv);
     int result = RUN_ALL_TESTS();
     remove_shm_objects();
