@@ -1,4 +1,4 @@
-/**
+/** @file
  * Atomic operations on 32-bit words, which may lie in memory shared between processes.
  *
  *     static uint32_t users;
@@ -30,30 +30,38 @@ QEL_API int qel_atomic_cas_vptr(void** word, void* old_value, void* new_value);
 
 /** Adds 'value' to the word. */
 QEL_API void qel_atomic_add(uint32_t* word, uint32_t value);
+/** The same with the fence behind it. */
 QEL_API void qel_atomic_add_mb(uint32_t* word, uint32_t value);
 /** Adds 'value' to the word and returns the new value. */
 QEL_API uint32_t qel_atomic_add_and_fetch(uint32_t* word, uint32_t value);
+/** The same with the fence behind it. */
 QEL_API uint32_t qel_atomic_add_and_fetch_mb(uint32_t* word, uint32_t value);
 
 /** Subtracts 'value' from the word. */
 QEL_API void qel_atomic_sub(uint32_t* word, uint32_t value);
+/** The same with the fence behind it. */
 QEL_API void qel_atomic_sub_mb(uint32_t* word, uint32_t value);
 /** Subtracts 'value' from the word and returns the new value. */
 QEL_API uint32_t qel_atomic_sub_and_fetch(uint32_t* word, uint32_t value);
+/** The same with the fence behind it. */
 QEL_API uint32_t qel_atomic_sub_and_fetch_mb(uint32_t* word, uint32_t value);
 
 /** Adds 1 to the word. */
 QEL_API void qel_atomic_incr(uint32_t* word);
+/** The same with the fence behind it. */
 QEL_API void qel_atomic_incr_mb(uint32_t* word);
 /** Adds 1 to the word and returns the new value. */
 QEL_API uint32_t qel_atomic_incr_and_fetch(uint32_t* word);
+/** The same with the fence behind it. */
 QEL_API uint32_t qel_atomic_incr_and_fetch_mb(uint32_t* word);
 
 /** Subtracts 1 from the word. */
 QEL_API void qel_atomic_decr(uint32_t* word);
+/** The same with the fence behind it. */
 QEL_API void qel_atomic_decr_mb(uint32_t* word);
 /** Subtracts 1 from the word and returns the new value. */
 QEL_API uint32_t qel_atomic_decr_and_fetch(uint32_t* word);
+/** The same with the fence behind it. */
 QEL_API uint32_t qel_atomic_decr_and_fetch_mb(uint32_t* word);
 
 /** Takes the spin lock in 'word', which starts as 0: waits until the word is 0 and makes it 1. The lock is

@@ -1,4 +1,4 @@
-/**
+/** @file
  * Base utilities: random numbers, the version, a safe string copy, size rounding and the MD5 digest.
  *
  *     char name[16];

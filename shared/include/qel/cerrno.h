@@ -1,4 +1,5 @@
-/** Result codes of the library: composing, publishing and decoding them.
+/** @file
+ * Result codes of the library: composing, publishing and decoding them.
  *
  * A cerrno is one 32-bit word. 0 is success; a value of at most 0x1ff is a plain errno number; any other is
  *
@@ -32,16 +33,21 @@
 
 QEL_BEGIN_DECLS
 
-/* Severities, bits 31 to 29 of a code. */
+/** Severity (bits 31 to 29 of a code): the call did its work, and there is something to know. */
 #define QEL_CERRNO_INFORMATIONAL 0x20000000u
-/** The call did not do its work and the caller can go on: a result not there yet, an object already there. */
+/** Severity: the call did not do its work and the caller can go on: a result not there yet, an object already
+ * there. */
 #define QEL_CERRNO_WARNING 0x40000000u
-/** A passing shortage; the same call can succeed later. */
+/** Severity: a passing shortage; the same call can succeed later. */
 #define QEL_CERRNO_TRY_AGAIN 0x80000000u
+/** Severity: the call failed. */
 #define QEL_CERRNO_FATAL 0xa0000000u
+/** Severity: memory, a descriptor or another resource is missing. */
 #define QEL_CERRNO_NO_RESOURCE 0xc0000000u
+/** The bits of a code that hold its severity. */
 #define QEL_CERRNO_SEVERITY_MASK 0xe0000000u
 
+/** First word of a table's node. */
 #define QEL_CERRNO_NODE_MAGIC 0xabcdef00u
 
 /** One row of a component's table. */
@@ -57,38 +63,38 @@ typedef struct qel_cerrno_info {
     uint32_t count;     /**< rows, at least one */
     const qel_cerrno_code* codes; /**< the first row with a number is the one that counts */
     uint32_t major;               /**< the version, published in 16 bits each, not 0.0 */
-    uint32_t minor;
+    uint32_t minor;               /**< see 'major' */
 } qel_cerrno_info;
 
 /** What registers a table. It stays with the list for the life of the process. */
 typedef struct qel_cerrno_node {
     uint32_t magic;               /**< QEL_CERRNO_NODE_MAGIC */
     struct qel_cerrno_node* next; /**< written by __register_cerrno */
-    const qel_cerrno_info* info;
+    const qel_cerrno_info* info;  /**< the component's table */
 } qel_cerrno_node;
 
 /** The texts of a code. Texts that a code doesn't have are null. */
 typedef struct qel_cerrno_strings {
-    uint32_t decoded; /**< 1 once this thread has decoded a composite; it stays 1 */
-    const char* severity;
-    const char* subsystem;
-    const char* code;
-    const char* err;
+    uint32_t decoded;      /**< 1 once this thread has decoded a composite; it stays 1 */
+    const char* severity;  /**< "warning", "fatal" ... */
+    const char* subsystem; /**< the component's name */
+    const char* code;      /**< the text of the component's code */
+    const char* err;       /**< the system's text of the errno */
 } qel_cerrno_strings;
 
 /** What a thread decodes into; the library's to write. */
 typedef struct qel_cerrno_thread {
-    char* text; /**< where cerr_strerror builds its sentence: named memory of 'capacity' bytes */
-    uint32_t capacity;
-    char subsystem[50];
-    char err[50];
-    char code[250];
-    qel_cerrno_strings strings;
+    char* text;         /**< where cerr_strerror builds its sentence: named memory of 'capacity' bytes */
+    uint32_t capacity;  /**< bytes at 'text' */
+    char subsystem[50]; /**< what strings.subsystem points at */
+    char err[50];       /**< what strings.err points at */
+    char code[250];     /**< what strings.code points at */
+    qel_cerrno_strings strings; /**< what cerr_getstrings gives */
 } qel_cerrno_thread;
 
 /** A table that is published in shared memory. */
 typedef struct qel_cerrno_map_info {
-    const char* name;
+    const char* name;      /**< the component's name */
     uint32_t count;        /**< rows at 'codes' */
     const void* codes;     /**< packed rows without alignment: uint32_t code, text, NUL */
     const void* codes_end; /**< nothing from here on may be read */

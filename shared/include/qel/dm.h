@@ -1,4 +1,4 @@
-/**
+/** @file
  * The dispatch manager: the event loop of a process.
  *
  * A dispatcher picks events and runs their handlers on threads that the application lends it. Events are
@@ -131,6 +131,7 @@ QEL_API void qdm_debug_print_(const char* format, ...) QEL_PRINTF(1, 2);
 
 /** A descriptor's event; 'conditions' says what it is ready for. */
 typedef void (*qel_dm_fd_handler)(qel_dm_handle dm, uint32_t fd, uint32_t conditions, void* context);
+/** The same for qel_dm_io_register(), with a descriptor of 16 bits. */
 typedef void (*qel_dm_io_handler)(qel_dm_handle dm, uint16_t fd, uint32_t conditions, void* context);
 
 /**
@@ -211,8 +212,9 @@ QEL_API int qel_dm_message_send(qel_dm_handle dm, uint32_t type, uint32_t arg, v
 /** Takes the oldest message; each output may be null. Returns 0; EAGAIN if there is none; EINVAL. */
 QEL_API int qel_dm_message_receive(qel_dm_handle dm, uint32_t* type, uint32_t* arg, void** message);
 
-/** Events of this kind don't exist on Linux: EOPNOTSUPP. */
+/** Events of this kind don't exist on Linux. Returns EOPNOTSUPP. */
 QEL_API int qel_dm_disconnect_register(qel_dm_handle dm, void* handler, void* context);
+/** Events of this kind don't exist on Linux. Returns EOPNOTSUPP. */
 QEL_API int qel_dm_disconnect_deregister(qel_dm_handle dm, void* handler, void* context);
 
 QEL_END_DECLS

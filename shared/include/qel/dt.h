@@ -50,11 +50,11 @@ QEL_BEGIN_DECLS
 /** Option of a flag: enabling and filters of its parent don't descend into it; disabling does. */
 #define QEL_DT_FLAG_INDEPENDENT 0x1u
 
-/** Filter types: a number of which the low 32 bits count, a number of 64 bits, the address of a string. */
-#define QEL_DT_FILTER_UINT32 0x01u
-#define QEL_DT_FILTER_UINT64 0x02u
-#define QEL_DT_FILTER_STRING 0x10u
+#define QEL_DT_FILTER_UINT32 0x01u /**< filter type: a number of which the low 32 bits count */
+#define QEL_DT_FILTER_UINT64 0x02u /**< filter type: a number of 64 bits */
+#define QEL_DT_FILTER_STRING 0x10u /**< filter type: the address of a string */
 
+/** A flag; made by qel_dt_flag_init(). */
 typedef struct qel_dt_flag qel_dt_flag;
 
 /** Prints one line on the tty 'tty' ("" is the default output) and returns 0, or an errno number, which ends
@@ -152,10 +152,12 @@ QEL_API int _qel_dt_log_filter_adv2(qel_dt_flag* flag, qel_dt_buffer_handle buff
                                     uint32_t reserved, uint32_t filter_type, uint64_t filter_value,
                                     uint32_t* tp, uint32_t level, const char* format, ...);
 
-/** The same two for callers that hold an argument list, which stays usable for va_end() only. */
+/** _qel_dt_log_filter_adv() for callers that hold an argument list, which stays usable for va_end() only. */
 QEL_API int _qel_dt_vlog_filter_adv(qel_dt_flag* flag, qel_dt_buffer_handle buffer, uint32_t least_args,
                                     uint32_t reserved, uint32_t filter_type, uint64_t filter_value,
                                     uint32_t* tp, const char* format, va_list args);
+
+/** _qel_dt_log_filter_adv2() for callers that hold an argument list, which stays usable for va_end() only. */
 QEL_API int _qel_dt_vlog_filter_adv2(qel_dt_flag* flag, qel_dt_buffer_handle buffer, uint32_t least_args,
                                      uint32_t reserved, uint32_t filter_type, uint64_t filter_value,
                                      uint32_t* tp, uint32_t level, const char* format, va_list args);

@@ -1,4 +1,4 @@
-/** @file hash.h
+/** @file
  * Hash set, hash map and the general hash of a byte string.
  *
  * A `qel_hashset` chains elements that the caller owns: an element embeds a `qel_hash_link`, the caller
@@ -54,7 +54,7 @@ typedef struct qel_hash_link {
 
 /** Attributes of a table. They have no effect. */
 typedef struct qel_hash_attr {
-    uint32_t size;
+    uint32_t size; /**< not looked at */
 } qel_hash_attr;
 
 struct qel_hashset;
@@ -77,13 +77,14 @@ typedef struct qel_hashset {
     int32_t iterating;       /**< depth of running iterations; not 0: no resize */
     int32_t low_water;       /**< a count below shrinks the set */
     int32_t high_water;      /**< a count above grows it */
-    qel_hashset_hash hash;
-    qel_hashset_match match;
-    void* context;
+    qel_hashset_hash hash;   /**< as given at creation */
+    qel_hashset_match match; /**< as given at creation */
+    void* context;           /**< handed to both */
 } qel_hashset;
 
-/** Do nothing; a size given here has no effect. The first returns 0. */
+/** Does nothing, as attributes have no effect. Returns 0. */
 QEL_API int qel_hash_attr_init(qel_hash_attr* attr);
+/** Does nothing: sizes follow the count. */
 QEL_API void qel_hash_attr_sethashtable(qel_hash_attr* attr, uint32_t size);
 
 /** Makes an empty set and stores it in 'out'. 'attr' is ignored. 'hash' and 'match' get 'context'.
@@ -111,9 +112,11 @@ QEL_API void* qel_hashset_get(qel_hashset* set, const void* probe);
  */
 QEL_API void* qel_hashset_get_next(qel_hashset* set, void* element);
 
-/** Return the first element in iteration order and the one behind 'element', or null. A change of the set may
- * resize it and so begin another order; use qel_hashset_iterate() to change it on the way. */
+/** Returns the first element in iteration order; null for a null or empty set. */
 QEL_API void* qel_hashset_first(qel_hashset* set);
+
+/** Returns the element behind 'element' in iteration order; null at the end and for a null argument. A change
+ * of the set may resize it and so begin another order; use qel_hashset_iterate() to change it on the way. */
 QEL_API void* qel_hashset_next(qel_hashset* set, void* element);
 
 /** Returns the number of elements; 0 for a null set. */
@@ -127,23 +130,25 @@ QEL_API void qel_hashset_iterate(qel_hashset* set, qel_hashset_handler handler, 
 
 /** A key with its value, kept by the map. What both refer to stays the caller's. */
 typedef struct qel_hashmap_tuple {
-    qel_hash_link link;
-    void* key;
-    void* value;
+    qel_hash_link link; /**< the set's */
+    void* key;          /**< not to be changed while in the map */
+    void* value;        /**< the caller's to change */
 } qel_hashmap_tuple;
 
-/** Gives the hash of a key; tells whether two keys are equal; visits one tuple, its result being ignored. */
+/** Gives the hash of a key. 'context' is the one given at creation. */
 typedef uint32_t (*qel_hashmap_key_hash)(const void* key, void* context);
+/** Tells whether two keys are equal. 'context' is the one given at creation. */
 typedef bool (*qel_hashmap_key_match)(const void* left, const void* right, void* context);
+/** Visits one tuple; the result is ignored. 'context' is the one given to the iteration. */
 typedef int (*qel_hashmap_handler)(struct qel_hashmap* map, qel_hashmap_tuple* tuple, void* context);
 
 /** A map. All fields are for reading. */
 typedef struct qel_hashmap {
-    qel_mem_chunk* tuples; /**< the pool of its tuples */
-    qel_hashset* set;      /**< the tuples by key */
-    qel_hashmap_key_hash key_hash;
-    qel_hashmap_key_match key_match;
-    void* key_context; /**< handed to both */
+    qel_mem_chunk* tuples;           /**< the pool of its tuples */
+    qel_hashset* set;                /**< the tuples by key */
+    qel_hashmap_key_hash key_hash;   /**< as given at creation */
+    qel_hashmap_key_match key_match; /**< as given at creation */
+    void* key_context;               /**< handed to both */
 } qel_hashmap;
 
 /** Makes an empty map and stores it in 'out'. 'attr' is ignored.
@@ -161,16 +166,18 @@ QEL_API void qel_hashmap_free(qel_hashmap** map);
  * be looked up. Returns the tuple, which the map owns; null for a null map and when memory is short. */
 QEL_API qel_hashmap_tuple* qel_hashmap_insert(qel_hashmap* map, void* key, void* value);
 
-/** Return the tuple of 'key' and its value; null for a null map, a key of 0 and a key that isn't there. */
+/** Returns the tuple of 'key'; null for a null map, a key of 0 and a key that isn't there. */
 QEL_API qel_hashmap_tuple* qel_hashmap_get(qel_hashmap* map, const void* key);
+/** Returns the value of 'key'; null as for qel_hashmap_get(), and for a value of null. */
 QEL_API void* qel_hashmap_get_value(qel_hashmap* map, const void* key);
 
 /** Returns the next tuple of the key that 'tuple' has, or null; with a null 'tuple' as qel_hashmap_get() for
  * 'key'. */
 QEL_API qel_hashmap_tuple* qel_hashmap_get_next(qel_hashmap* map, const void* key, qel_hashmap_tuple* tuple);
 
-/** Return the field of a tuple; null for a null tuple. */
+/** Returns the tuple's key; null for a null tuple. */
 QEL_API void* qel_hashmap_key(const qel_hashmap_tuple* tuple);
+/** Returns the tuple's value; null for a null tuple. */
 QEL_API void* qel_hashmap_value(const qel_hashmap_tuple* tuple);
 
 /** Takes 'tuple' out of the map, which must hold it, and frees it.
@@ -181,10 +188,14 @@ QEL_API int qel_hashmap_remove_tuple(qel_hashmap* map, qel_hashmap_tuple* tuple)
  * Returns 0; EINVAL for a null map or a key of 0; ENOENT when there is none. */
 QEL_API int qel_hashmap_remove(qel_hashmap* map, const void* key);
 
-/** As the set's calls of these names; 0, null and nothing for a null map. */
+/** Returns the number of tuples; 0 for a null map. */
 QEL_API size_t qel_hashmap_size(const qel_hashmap* map);
+/** Returns the first tuple in iteration order; null for a null or empty map. */
 QEL_API qel_hashmap_tuple* qel_hashmap_first(qel_hashmap* map);
+/** Returns the tuple behind 'tuple' in iteration order, as qel_hashset_next(). */
 QEL_API qel_hashmap_tuple* qel_hashmap_next(qel_hashmap* map, qel_hashmap_tuple* tuple);
+/** Calls 'handler' for every tuple, with the freedoms of qel_hashset_iterate(): it may remove tuples and
+ * insert some. Does nothing for a null map or handler. */
 QEL_API void qel_hashmap_iterate(qel_hashmap* map, qel_hashmap_handler handler, void* context);
 
 QEL_END_DECLS

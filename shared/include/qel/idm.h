@@ -1,8 +1,4 @@
-#ifndef QEL_IDM_H
-#define QEL_IDM_H
-
-/**
- * @file
+/** @file
  * ID manager: 32-bit IDs that stand for objects, with a check value and a count of references.
  *
  *     qel_idm_pool_create("sessions", 1000, 0, &pool);
@@ -29,6 +25,8 @@
  * Results are 0 or a composite code (qel/cerrno.h); 0xa0000016 for a bad pool handle, a null argument that is
  * needed, ID 0, and an ID outside the pool's geometry. Calls that give a pointer give null for any failure.
  */
+#ifndef QEL_IDM_H
+#define QEL_IDM_H
 
 #include <qel/types.h>
 

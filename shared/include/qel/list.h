@@ -1,4 +1,4 @@
-/** @file list.h
+/** @file
  * General lists: doubly linked, with a name, a size limit and an owner pointer in each element.
  *
  * A direct list links elements that the caller provides. An indirect list (QEL_LIST_INDIRECT) takes its
@@ -28,18 +28,17 @@ QEL_BEGIN_DECLS
 /** Flag of a list: elements come from a private pool. Other flags are dropped. */
 #define QEL_LIST_INDIRECT 0x2u
 
-/** Bits of the state of a list: it was initialised; its descriptor was allocated by qel_list_create(). */
-#define QEL_LIST_STATE_VALID 0x1u
-#define QEL_LIST_STATE_ALLOCATED 0x4u
+#define QEL_LIST_STATE_VALID 0x1u     /**< bit of a list's state: it was initialised */
+#define QEL_LIST_STATE_ALLOCATED 0x4u /**< bit of a list's state: qel_list_create() allocated it */
 
 struct qel_list;
 
 /** An element. All zeros is one that is off every list. */
 typedef struct qel_list_element {
-    struct qel_list_element* next;
-    struct qel_list_element* prev;
-    void* data;
-    struct qel_list* list; /**< the owner; null while off any list */
+    struct qel_list_element* next; /**< null for the tail */
+    struct qel_list_element* prev; /**< null for the head */
+    void* data;                    /**< the caller's; not null while on a list */
+    struct qel_list* list;         /**< the owner; null while off any list */
 } qel_list_element;
 
 /** Writes one line of text about 'element' into 'buffer' (1,024 bytes from qel_list_print()), ended by NUL.
@@ -54,15 +53,15 @@ typedef cerrno (*qel_list_walker)(struct qel_list* list, qel_list_element* eleme
 
 /** A list. All fields are for reading. */
 typedef struct qel_list {
-    qel_list_element* head;
-    qel_list_element* tail;
-    uint32_t count;
-    uint16_t flags;    /**< QEL_LIST_INDIRECT or 0 */
-    uint16_t state;    /**< QEL_LIST_STATE_VALID, QEL_LIST_STATE_ALLOCATED */
-    uint32_t max_size; /**< limit on 'count'; 0 is none */
-    const char* name;  /**< the caller's string, not copied */
-    qel_list_print_handler print_handler;
-    qel_mem_chunk* element_chunk; /**< of an indirect list */
+    qel_list_element* head;               /**< null when empty */
+    qel_list_element* tail;               /**< null when empty */
+    uint32_t count;                       /**< elements */
+    uint16_t flags;                       /**< QEL_LIST_INDIRECT or 0 */
+    uint16_t state;                       /**< QEL_LIST_STATE_VALID, QEL_LIST_STATE_ALLOCATED */
+    uint32_t max_size;                    /**< limit on 'count'; 0 is none */
+    const char* name;                     /**< the caller's string, not copied */
+    qel_list_print_handler print_handler; /**< null if there is none */
+    qel_mem_chunk* element_chunk;         /**< of an indirect list */
 } qel_list;
 
 /** Makes an empty list in the caller's descriptor, whatever is in it. 'max_size' is its limit in elements, 0
@@ -82,10 +81,11 @@ QEL_API cerrno qel_list_create(qel_list** out, uint32_t max_size, const char* na
  */
 QEL_API cerrno qel_list_destroy(qel_list** list);
 
-/** Put 'data' on the list, at its tail or head, in 'element', which is null for an indirect list and off
- * every list for a direct one. Return the element; null when refused: the list isn't valid or is full, 'data'
+/** Puts 'data' on the list, at its tail, in 'element', which is null for an indirect list and off every list
+ * for a direct one. Returns the element; null when refused: the list isn't valid or is full, 'data'
  * is 0, the element doesn't suit the list, or memory is short. */
 QEL_API qel_list_element* qel_list_enqueue(qel_list* list, qel_list_element* element, void* data);
+/** As qel_list_enqueue(), at the head. */
 QEL_API qel_list_element* qel_list_requeue(qel_list* list, qel_list_element* element, void* data);
 
 /** Puts 'data' before the first element for which 'compare' is positive, else at the tail.
@@ -157,25 +157,34 @@ QEL_API cerrno qel_list_print(qel_list* list);
  * Returns 0; 0xa0000016 for a null list; 0xa0000026 without a handler; 0xa0000020 if it doesn't return 1. */
 QEL_API cerrno qel_list_elem_print(qel_list* list, qel_list_element* element, char* buffer);
 
-/** Set and tell the print handler. A null handler keeps the old one; null for a null list. */
+/** Sets the print handler. A null handler keeps the old one; a null list does nothing. */
 QEL_API void qel_list_set_print_handler(qel_list* list, qel_list_print_handler handler);
+/** Returns the print handler; null for a null list and for one without. */
 QEL_API qel_list_print_handler qel_list_get_print_handler(const qel_list* list);
 
-/** Fields of an element; null for a null element, for which setting does nothing. */
+/** Returns the element behind; null for the tail and for a null element. */
 QEL_API qel_list_element* qel_list_get_next(const qel_list_element* element);
+/** Returns the element before; null for the head and for a null element. */
 QEL_API qel_list_element* qel_list_get_prev(const qel_list_element* element);
+/** Returns the element's data; null for a null element. */
 QEL_API void* qel_list_get_data(const qel_list_element* element);
+/** Replaces the element's data. A null element does nothing. */
 QEL_API void qel_list_set_data(qel_list_element* element, void* data);
 
-/** Fields of a list; null and 0 for a null list. */
+/** Returns the first element; null for a null or empty list. */
 QEL_API qel_list_element* qel_list_get_head(const qel_list* list);
+/** Returns the last element; null for a null or empty list. */
 QEL_API qel_list_element* qel_list_get_tail(const qel_list* list);
+/** Returns the number of elements; 0 for a null list. */
 QEL_API size_t qel_list_get_size(const qel_list* list);
 
-/** Return 1 for yes, 0 for no. A null list is empty, and neither valid, indirect nor full. */
+/** Returns 1 if the list was initialised, else 0; 0 for a null list. */
 QEL_API int qel_list_is_valid(const qel_list* list);
+/** Returns 1 if the elements come from a private pool, else 0; 0 for a null list. */
 QEL_API int qel_list_is_indirect(const qel_list* list);
+/** Returns 1 if the list has a limit and has reached it, else 0; 0 for a null list. */
 QEL_API int qel_list_is_full(const qel_list* list);
+/** Returns 1 if the list has no element, else 0; 1 for a null list. */
 QEL_API int qel_list_is_empty(const qel_list* list);
 
 QEL_END_DECLS

@@ -1,4 +1,4 @@
-/**
+/** @file
  * Memory: named allocation, and pools of small objects of one size.
  *
  * Named memory is the C library's heap with the name of the asking subsystem on each call:
@@ -48,7 +48,8 @@ typedef enum qel_tag_e {
     QEL_MEM_PLC = 15     /**< policy service */
 } qel_tag_e;
 
-/** Pool flags of qel_mem_chunk_create(). */
+/* Pool flags of qel_mem_chunk_create(). */
+
 /** The pool grows by a sibling block when it runs out; a sibling that is wholly free again goes. */
 #define QEL_MEM_CHUNK_DYNAMIC 0x001u
 /** A block's elements are an allocation of their own. Set by the pool itself for an alignment over 4. */
@@ -89,8 +90,9 @@ QEL_API void* qel_named_realloc(void* memory, uint64_t size);
 /** Gives named memory back. A null 'memory' is allowed. */
 QEL_API void qel_named_free(void* memory);
 
-/** Starts and ends named memory. There is nothing to do on this platform. Return 0. */
+/** Starts named memory, for which there is nothing to do on this platform. Returns 0. */
 QEL_API int _qel_named_init(void);
+/** Ends named memory, for which there is nothing to do on this platform. Returns 0. */
 QEL_API int _qel_named_uninit(void);
 
 /** Gives the static name of a qel_tag_e, or null for a 'tag' of 16 or more. */

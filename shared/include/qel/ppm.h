@@ -1,4 +1,5 @@
-/** Process parameters: one dictionary per process from a text key to an integer or a short string.
+/** @file
+ * Process parameters: one dictionary per process from a text key to an integer or a short string.
  *
  * The library reads each of its tunable values here, with a default at the point of use, so a key that nobody
  * stored means the default that is built in. An application stores a key to override one:

@@ -1,4 +1,5 @@
-/** Passive timers: an expiry time that never fires by itself; its owner asks whether it has run out.
+/** @file
+ * Passive timers: an expiry time that never fires by itself; its owner asks whether it has run out.
  *
  * A timer holds a time of the monotonic clock. All zeros is "not running", so a zeroed timer is a stopped
  * one, and a result that would be exact zero is moved by one nanosecond where it could be taken for that.
@@ -24,15 +25,16 @@
 
 QEL_BEGIN_DECLS
 
+/** A timer: the time at which it expires, or zeros. */
 typedef struct timespec qel_ptimer;
 
-/** Operators of qel_ptimer_compare(). */
-#define QEL_PTIMER_EQ 1u
-#define QEL_PTIMER_NE 2u
-#define QEL_PTIMER_GT 3u
-#define QEL_PTIMER_GE 4u
-#define QEL_PTIMER_LT 5u
-#define QEL_PTIMER_LE 6u
+/* Operators of qel_ptimer_compare(). */
+#define QEL_PTIMER_EQ 1u /**< equal */
+#define QEL_PTIMER_NE 2u /**< not equal */
+#define QEL_PTIMER_GT 3u /**< later */
+#define QEL_PTIMER_GE 4u /**< later or equal */
+#define QEL_PTIMER_LT 5u /**< earlier */
+#define QEL_PTIMER_LE 6u /**< earlier or equal */
 
 /** Reads the clock that timers go by, the monotonic one. */
 QEL_API void qel_ptimer_get_time(struct timespec* out);
@@ -59,16 +61,16 @@ QEL_API void qel_ptimer_update_jitter_with_type(qel_ptimer* timer, const struct 
 /** Stops 'timer': all zeros. */
 QEL_API void qel_ptimer_stop(qel_ptimer* timer);
 
-/** Whether 'timer' is running, expired or not. */
+/** Tells whether 'timer' is running, expired or not. */
 QEL_API int qel_ptimer_running(const qel_ptimer* timer);
 
-/** Whether the expiry has come. True of a stopped timer as well. */
+/** Tells whether the expiry has come. True of a stopped timer as well. */
 QEL_API int qel_ptimer_awake(const qel_ptimer* timer);
 
-/** Whether 'timer' is running and has expired. */
+/** Tells whether 'timer' is running and has expired. */
 QEL_API int qel_ptimer_running_and_awake(const qel_ptimer* timer);
 
-/** Whether 'timer' is running and has not expired. */
+/** Tells whether 'timer' is running and has not expired. */
 QEL_API int qel_ptimer_running_and_sleeping(const qel_ptimer* timer);
 
 /** Gives the time that is left until 'timer' expires, zero once it has. */
@@ -77,7 +79,7 @@ QEL_API void qel_ptimer_left_sleeping(struct timespec* out, const qel_ptimer* ti
 /** Gives the time since 'start', at least one nanosecond if the clock stands still. */
 QEL_API void qel_ptimer_elapsed_time(struct timespec* out, const qel_ptimer* start);
 
-/** Whether now is between 'start' and 'start' + 'length', both included. */
+/** Tells whether now is between 'start' and 'start' + 'length', both included. */
 QEL_API int qel_ptimer_in_interval(const qel_ptimer* start, const struct timespec* length);
 
 /** Gives 'b' - 'a'; a difference of zero is moved by one nanosecond. 'out' may be an operand. */
@@ -91,7 +93,8 @@ QEL_API void qel_ptimer_add_timespec(struct timespec* out, const struct timespec
 /** Gives 'a' + 'b'; a sum of zero is moved by one nanosecond. 'out' may be an operand. */
 QEL_API void qel_ptimer_add_delta(struct timespec* out, const struct timespec* a, const struct timespec* b);
 
-/** Whether 'a' and 'b' stand in the relation 'op', one of QEL_PTIMER_EQ to QEL_PTIMER_LE; 0 for any other. */
+/** Tells whether 'a' and 'b' stand in the relation 'op', one of QEL_PTIMER_EQ to QEL_PTIMER_LE; 0 for any
+ * other. */
 QEL_API int qel_ptimer_compare(const qel_ptimer* a, uint32_t op, const qel_ptimer* b);
 
 /** Gives the one of two timers that runs and expires first: 'a' if 'b' isn't running or on equal times, 'b'

@@ -1,4 +1,5 @@
-/* Everything that libqel offers, in one include. Each family's header stands alone as well. */
+/** @file
+ * Everything that libqel offers, in one include. Each family's header stands alone as well. */
 #ifndef QEL_QEL_H
 #define QEL_QEL_H
 

@@ -1,4 +1,4 @@
-/** @file queue.h
+/** @file
  * Intrusive queues: `qel_queue`, singly linked with a head and a tail, and `qel_dqueue`, a doubly linked
  * ring.
  *
@@ -79,12 +79,14 @@ QEL_API int qel_queue_entry_exists(const qel_queue* queue, const void* element);
 /** Returns the link of 'element': the element behind it, or null for the last one and for a null element. */
 QEL_API void* qel_queue_get_next(const void* element);
 
-/** Return the first and the last element without removing them; null for a null or empty queue. */
+/** Returns the first element without removing it; null for a null or empty queue. */
 QEL_API void* qel_queue_peek_head(const qel_queue* queue);
+/** Returns the last element without removing it; null for a null or empty queue. */
 QEL_API void* qel_queue_peek_tail(const qel_queue* queue);
 
-/** Return the number of elements and the limit; 0 for a null queue. */
+/** Returns the number of elements; 0 for a null queue. */
 QEL_API size_t qel_queue_size(const qel_queue* queue);
+/** Returns the limit in elements; 0 for none and for a null queue. */
 QEL_API size_t qel_queue_max_size(const qel_queue* queue);
 
 /** Returns 1 for a queue without elements, else 0; 0 for a null queue. */
@@ -99,9 +101,9 @@ QEL_API int qel_queue_reserve_used(const qel_queue* queue, size_t n);
 /** An element of a ring, and the head of a list kept as a ring. An element alone points to itself both ways.
  */
 typedef struct qel_dqueue {
-    struct qel_dqueue* next;
-    struct qel_dqueue* prev;
-    void* parent; /**< free for the owner: typically the structure around the element */
+    struct qel_dqueue* next; /**< the element behind */
+    struct qel_dqueue* prev; /**< the element before */
+    void* parent;            /**< free for the owner: typically the structure around the element */
 } qel_dqueue;
 
 /** Makes 'element' a ring of its own and stores 'parent'. Returns 0; a null element is left alone. */
@@ -116,9 +118,11 @@ QEL_API void qel_dqueue_insert(qel_dqueue* element, qel_dqueue* after);
  * nothing for a null element and one that was never initialised (zeros). */
 QEL_API void qel_dqueue_remove(qel_dqueue* element);
 
-/** Return the word named; null for a null element. */
+/** Returns the element behind, which is itself for one that is alone; null for a null element. */
 QEL_API qel_dqueue* qel_dqueue_get_next(const qel_dqueue* element);
+/** Returns the element before, which is itself for one that is alone; null for a null element. */
 QEL_API qel_dqueue* qel_dqueue_get_prev(const qel_dqueue* element);
+/** Returns the parent as it was stored; null for a null element. */
 QEL_API void* qel_dqueue_get_parent(const qel_dqueue* element);
 
 /** Stores 'parent' when neither it nor the element is null; so a parent can be changed, but not taken away.

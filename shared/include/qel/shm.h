@@ -1,4 +1,5 @@
-/** Shared segments: named memory between processes, opened plainly or by a protocol that initialises it once,
+/** @file
+ * Shared segments: named memory between processes, opened plainly or by a protocol that initialises it once,
  * and locks to put into it.
  *
  * A safe segment begins with a header of 12 bytes. Any number of processes may open one name at once: one of
@@ -57,7 +58,7 @@ typedef int (*qel_shm_initializer)(qel_shm_info* info, void* context);
 
 /** Writes the object name that belongs to 'name' into 'out', which has room for 'size' bytes.
  *
- * Gives 0; EINVAL for null; ENAMETOOLONG if it doesn't fit. */
+ * Returns 0; EINVAL for null; ENAMETOOLONG if it doesn't fit. */
 QEL_API int qel_shm_path_append(char* out, const char* name, size_t size);
 
 /** Maps a segment without a header; one of 'size' bytes is made if the name is absent and 'size' isn't 0.
@@ -65,7 +66,7 @@ QEL_API int qel_shm_path_append(char* out, const char* name, size_t size);
  * '*existed' becomes 0 for exactly one of those who race for an absent name. A segment of size 0 is one that
  * its maker has still to size: it is looked at 10 times, 100 ms apart.
  *
- * Gives 0; EINVAL for null, for a segment of another size than a 'size' that isn't 0, for one that stays
+ * Returns 0; EINVAL for null, for a segment of another size than a 'size' that isn't 0, for one that stays
  * unsized or has 4 GiB or more; ENAMETOOLONG; ENOENT for an absent name and 'size' 0. */
 QEL_API int qel_shm_open(const char* name, uint32_t size, qel_shm_info* info, uint8_t* existed);
 
@@ -76,7 +77,7 @@ QEL_API int qel_shm_open(const char* name, uint32_t size, qel_shm_info* info, ui
  * died, that is for ever. A segment that nobody began to initialise within a second is initialised by an
  * opener that has QEL_SHM_CREATE, an initialiser and the segment's size.
  *
- * Gives 0; EINVAL for null, flags without a size, a size that leaves no room for the header in 32 bits, a
+ * Returns 0; EINVAL for null, flags without a size, a size that leaves no room for the header in 32 bits, a
  * segment of less than 12 bytes, of another size with QEL_SHM_EXACT_SIZE, or with no state that this protocol
  * knows; ENAMETOOLONG; ENOENT for an absent name without QEL_SHM_CREATE; EEXIST for an existing one with
  * QEL_SHM_EXCLUSIVE; EFAULT for a segment whose initialisation failed or whose version is another; ETIMEDOUT
@@ -91,23 +92,23 @@ QEL_API void qel_shm_close(qel_shm_info* info);
 
 /** Removes a name; who has the segment mapped keeps it.
  *
- * Gives 0; EINVAL for null; ENAMETOOLONG; ENOENT and what else the removal gives. */
+ * Returns 0; EINVAL for null; ENAMETOOLONG; ENOENT and what else the removal gives. */
 QEL_API int qel_shm_unlink(const char* name);
 
-/** Safe segments aren't resized: gives ENOSYS. */
+/** Safe segments aren't resized: returns ENOSYS. */
 QEL_API int qel_shm_safe_resize(qel_shm_info* info, uint32_t size, uint32_t flags);
 
 /** Initialises a mutex in shared memory, once, by the process that makes the memory.
  *
  * Process-shared is its only attribute: it isn't robust, so a process that dies holding it leaves it held.
- * Gives 0, EINVAL for null, or the error of the failing pthread call. */
+ * Returns 0; EINVAL for null; or the error of the failing pthread call. */
 QEL_API int qel_init_shared_mutex(pthread_mutex_t* mutex);
 
 /** The same for a condition variable. */
 QEL_API int qel_init_shared_condvar(pthread_cond_t* condvar);
 
 /** To be called for a mutex whenever the memory that holds it is set up or attached to. Does nothing on
- * Linux; gives 0. */
+ * Linux; returns 0. */
 QEL_API int qel_revive_and_monitor_mutex(pthread_mutex_t* mutex);
 
 QEL_END_DECLS

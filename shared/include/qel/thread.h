@@ -1,8 +1,4 @@
-#ifndef QEL_THREAD_H
-#define QEL_THREAD_H
-
-/**
- * @file
+/** @file
  * Threads: a thin layer over POSIX threads that adds a name, portable attributes and hooks.
  *
  *     pthread_t worker;
@@ -19,6 +15,8 @@
  * two hooks are set before threads are created. Results are plain errno numbers; a null pointer where one is
  * needed, and an attribute record that isn't initialised, give EINVAL everywhere.
  */
+#ifndef QEL_THREAD_H
+#define QEL_THREAD_H
 
 #include <pthread.h>
 #include <time.h>
@@ -27,12 +25,12 @@
 
 QEL_BEGIN_DECLS
 
-/** Detach states of an attribute record. */
-#define QEL_THREAD_JOINABLE 0u
-#define QEL_THREAD_DETACHED 1u
+#define QEL_THREAD_JOINABLE 0u /**< detach state: pthread_join() takes the result */
+#define QEL_THREAD_DETACHED 1u /**< detach state: the thread's resources go when it ends */
 
-/** Scheduling modes. The second exists for platforms with cooperative threads and isn't supported here. */
+/** Scheduling mode: the system's own. */
 #define QEL_THREAD_PREEMPTIVE 0
+/** Scheduling mode of platforms with cooperative threads; not supported here. */
 #define QEL_THREAD_NON_PREEMPTIVE (-1)
 
 /** Attributes of a thread to be created. The record is the caller's; use the calls below to change it. */

@@ -1,4 +1,5 @@
-/** Time: clocks, a sleep, conversions, texts, jitter.
+/** @file
+ * Time: clocks, a sleep, conversions, texts, jitter.
  *
  * A time or a delay is a struct timespec of signed 64-bit seconds and nanoseconds. Operands may have any
  * number of nanoseconds, also negative; results have 0 to 999,999,999 of them, so a negative time has
@@ -22,22 +23,21 @@ QEL_BEGIN_DECLS
 
 /** An NTP time stamp (RFC 5905, section 6): seconds since 1900-01-01 and a binary fraction of a second. */
 typedef struct qel_ntp_ts {
-    uint32_t seconds;
-    uint32_t fraction;
+    uint32_t seconds;  /**< since 1900-01-01, modulo 2^32 */
+    uint32_t fraction; /**< in units of 2^-32 second */
 } qel_ntp_ts;
 
-/** Zones of the formatting calls. */
-#define QEL_TIME_ZONE_UTC 1u
-#define QEL_TIME_ZONE_LOCAL 2u
+#define QEL_TIME_ZONE_UTC 1u   /**< zone of the formatting calls: UTC */
+#define QEL_TIME_ZONE_LOCAL 2u /**< zone of the formatting calls: that of TZ (tzset(3)) */
 
 /** The most bytes, the NUL included, that qel_time_format_system_default() writes. */
 #define QEL_TIME_SYSTEM_DEFAULT_SIZE 28
 
-/** Reads the monotonic clock (CLOCK_MONOTONIC) into 'out'. Gives 0, or EINVAL for null. */
+/** Reads the monotonic clock (CLOCK_MONOTONIC) into 'out'. Returns 0; EINVAL for null. */
 QEL_API int qel_time_get_timespec(struct timespec* out);
 
 /** Reads the real-time clock (CLOCK_REALTIME) into 'out', with a pending shift of clock_set_time() added.
- * Gives 0, or EINVAL for null. */
+ * Returns 0; EINVAL for null. */
 QEL_API int qel_time_get_timespec_realtime(struct timespec* out);
 
 /** The same as qel_time_get_timespec_realtime(). */
@@ -52,7 +52,7 @@ QEL_API void clock_set_time(uint32_t seconds);
 /** Gives the real time at which the system started: real-time clock minus monotonic clock.
  *
  * Computed on the first call and the same for the life of the process, whatever the clock is set to later.
- * Gives 0, or EINVAL for null. */
+ * Returns 0; EINVAL for null. */
 QEL_API int qel_time_get_boot_timespec(struct timespec* out);
 
 /** Milliseconds since the system started, by the monotonic clock. */
@@ -63,16 +63,16 @@ QEL_API uint32_t qel_time_get_icmp_time(void);
 
 /** Gives the seconds that local time is east of UTC at present, a negative number as its two's complement.
  *
- * Gives 0, EINVAL for null, EFAULT if the system can't tell the local time. */
+ * Returns 0; EINVAL for null; EFAULT if the system can't tell the local time. */
 QEL_API int qel_time_get_tzone_offset(uint32_t* out);
 
 /** Sleeps for 'milliseconds', through signals; 0 does nothing. A cancellation point. */
 QEL_API void qel_time_sleep(uint32_t milliseconds);
 
-/** Converts to milliseconds, rounded to the nearest, half up: 1.5 ms gives 2. Gives 0, or EINVAL for null. */
+/** Converts to milliseconds, rounded to the nearest, half up: 1.5 ms gives 2. Returns 0; EINVAL for null. */
 QEL_API int qel_time_timespec_to_msec64(const struct timespec* time, uint64_t* out);
 
-/** The same into 32 bits. Gives 0, EINVAL for null, EFAULT for a time that 32 bits can't hold. */
+/** The same into 32 bits. Returns 0; EINVAL for null; EFAULT for a time that 32 bits can't hold. */
 QEL_API int qel_time_timespec_to_msec(const struct timespec* time, uint32_t* out);
 
 /** qel_time_timespec_to_msec() with the value as its result; 0 for null or a value that doesn't fit. */
@@ -81,23 +81,23 @@ QEL_API uint32_t qel_timespec_to_msec(const struct timespec* time);
 /** qel_time_timespec_to_msec64() with the value as its result; 0 for null. */
 QEL_API uint64_t qel_timespec_to_msec64(const struct timespec* time);
 
-/** Converts milliseconds to a timespec. Gives 0, or EINVAL for null. */
+/** Converts milliseconds to a timespec. Returns 0; EINVAL for null. */
 QEL_API int qel_time_msec_to_timespec(uint32_t milliseconds, struct timespec* out);
 
-/** Converts milliseconds to a timespec. Gives 0, or EINVAL for null and for 2^31 seconds (0x1f400000000) or
+/** Converts milliseconds to a timespec. Returns 0; EINVAL for null and for 2^31 seconds (0x1f400000000) or
  * more. */
 QEL_API int qel_time_msec64_to_timespec(uint64_t milliseconds, struct timespec* out);
 
-/** Converts a time since 1970 to an NTP time stamp, modulo the era of 2^32 seconds. Gives 0, or EINVAL for
+/** Converts a time since 1970 to an NTP time stamp, modulo the era of 2^32 seconds. Returns 0; EINVAL for
  * null. */
 QEL_API int qel_time_timespec_to_ntp_ts(const struct timespec* time, qel_ntp_ts* out);
 
 /** Converts an NTP time stamp of the era that began in 1900 to a time since 1970; before 1970 it is negative.
  *
- * The fraction counts in steps of 1/65536 second. Gives 0, or EINVAL for null. */
+ * The fraction counts in steps of 1/65536 second. Returns 0; EINVAL for null. */
 QEL_API int qel_time_ntp_ts_to_timespec(const qel_ntp_ts* stamp, struct timespec* out);
 
-/** Gives the absolute difference of two times. Gives 0, or EINVAL for null. */
+/** Gives the absolute difference of two times. Returns 0; EINVAL for null. */
 QEL_API int qel_time_diff(const struct timespec* a, const struct timespec* b, struct timespec* out);
 
 /** Writes a duration as a short text: "3y12w", "2w3d", "1d01h" or "23:59:59", by its largest unit.
