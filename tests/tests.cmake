@@ -5,13 +5,13 @@ function(qel_test_properties name)
     endif()
 endfunction()
 
-# The project's own promises: headers, symbols, installation, the program in the README.
+# The project's own promises: headers, symbols, installation, the programs in the documents.
 set(QEL_PROJECT_TESTS ${CMAKE_CURRENT_SOURCE_DIR}/project)
 add_test(NAME project.headers COMMAND ${QEL_PROJECT_TESTS}/headers_test.sh ${PROJECT_SOURCE_DIR}/shared/include)
 add_test(NAME project.symbols COMMAND ${PROJECT_SOURCE_DIR}/scripts/check-symbols $<TARGET_FILE:qel>)
 if(NOT QEL_SANITIZE)
     add_test(NAME project.install COMMAND ${QEL_PROJECT_TESTS}/install_test.sh ${PROJECT_BINARY_DIR})
-    add_test(NAME project.readme COMMAND ${QEL_PROJECT_TESTS}/readme_test.sh ${PROJECT_SOURCE_DIR} $<TARGET_FILE:qel>)
+    add_test(NAME project.documents COMMAND ${QEL_PROJECT_TESTS}/documents_test.sh ${PROJECT_SOURCE_DIR} $<TARGET_FILE:qel>)
 endif()
 
 # These write the machine's start-up parameter file.
