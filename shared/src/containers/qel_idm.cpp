@@ -11,7 +11,7 @@
 // assignment, for the end of the last release, and for lookups that take no reference. The destructor runs
 // after it is let go, on the thread that released last, and may end that thread. Threads: any. Orders: R3 to
 // A3 hands an object to who looks it up, R4 to A4 the work of all holders to who destroys it.
-#include "containers/qel_idm_pool.hpp"
+#include "containers/qel_idm.hpp"
 
 #include <qel/base.h>
 
@@ -82,6 +82,13 @@ cerrno read_state(const Place& place, EntryState* state) {
     return true;
 }
 
+// Finds what 'id' names and takes a reference.
+[[gnu::always_inline]] inline Held hold(std::uint32_t handle, std::uint32_t id) {
+    Place place = find_place(handle, id);
+    if (!place || !take_reference(*place.entry, place.demand.and_not_withdrawn())) return {};
+    return {place.pool, place.entry};
+}
+
 // What is left to do once an ID is gone: the object to destroy, and how.
 struct Remains {
     void* ctx;
@@ -99,20 +106,15 @@ Remains bury(Pool& pool, Entry& entry) {
 }
 
 // Out of line, so that a release that isn't the last one saves no registers for this.
-[[gnu::noinline]] cerrno end_life(Pool& pool, Entry& entry) {
-    Remains remains = bury(pool, entry);
-    if (remains.destructor != nullptr) remains.destructor(remains.ctx, remains.destructor_ctx);
+[[gnu::noinline]] cerrno end_life_in_release(Pool& pool, Entry& entry) {
+    end_life(pool, entry);
     return 0;
-}
-
-bool is_last_reference(std::uint64_t word) {
-    return unpack(word).refcount == 1;
 }
 
 // What a release makes of a state.
 std::uint64_t released(const Pool& pool, std::uint64_t word, ReleaseMode mode) {
-    if (is_last_reference(word)) return pool.marks.after_life(word);
-    return (word - kOneReference) | (mode == ReleaseMode::drop_and_withdraw ? kWithdrawnMark : 0);
+    bool withdraw = mode == ReleaseMode::drop_and_withdraw && !is_last_reference(word);
+    return pool.marks.after_release(word) | (withdraw ? kWithdrawnMark : 0);
 }
 
 [[gnu::always_inline]] inline cerrno delete_id_internal(std::uint32_t handle, std::uint32_t id,
@@ -125,7 +127,7 @@ std::uint64_t released(const Pool& pool, std::uint64_t word, ReleaseMode mode) {
     } while (!place.entry->state.compare_exchange_weak(word, released(*place.pool, word, mode),
                                                        std::memory_order_acq_rel,  // R4, A4
                                                        std::memory_order_relaxed));
-    if (is_last_reference(word)) return end_life(*place.pool, *place.entry);
+    if (is_last_reference(word)) return end_life_in_release(*place.pool, *place.entry);
     bool again = mode == ReleaseMode::drop_and_withdraw && (word & kWithdrawnMark) != 0;
     return again ? fatal(EBUSY) : 0;
 }
@@ -229,6 +231,15 @@ Entry* next_entry(const Pool& pool, std::uint32_t previous_id, Accept accept) {
 
 }  // namespace
 
+Held qel::idm::retain(std::uint32_t handle, std::uint32_t id) {
+    return hold(handle, id);
+}
+
+void qel::idm::end_life(Pool& pool, Entry& entry) {
+    Remains remains = bury(pool, entry);
+    if (remains.destructor != nullptr) remains.destructor(remains.ctx, remains.destructor_ctx);
+}
+
 cerrno qel_idm_get_id(uint32_t handle, void* context, uint32_t* id) {
     Pool* pool = find_pool(handle);
     if (pool == nullptr || context == nullptr || id == nullptr) return fatal(EINVAL);
@@ -271,9 +282,8 @@ cerrno qel_idm_id_to_ctx(uint32_t handle, uint32_t id, void** context) {
 }
 
 void* qel_idm_lookup_and_retain_id(uint32_t handle, uint32_t id) {
-    Place place = find_place(handle, id);
-    if (!place || !take_reference(*place.entry, place.demand.and_not_withdrawn())) return nullptr;
-    return place.entry->ctx;
+    Held held = hold(handle, id);
+    return held.entry == nullptr ? nullptr : held.entry->ctx;
 }
 
 void* qel_idm_lookup_and_retain_any_id(uint32_t handle, uint32_t id) {

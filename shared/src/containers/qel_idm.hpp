@@ -2,28 +2,59 @@
 //
 // An exported call retains its object first and locks second. Guards are destroyed in reverse, so the lock is
 // free when the last release runs the pool's destructor.
+//
+// A guard keeps the place that the ID led to, so letting go resolves nothing: while a reference is held, the
+// entry stays in its life and its block in the pool. That the pool isn't destroyed meanwhile is the family's
+// to see to, which owns it.
 #pragma once
-
-#include <qel/idm.h>
 
 #include <cstdint>
 #include <utility>
 
+#include "containers/qel_idm_pool.hpp"
+
 namespace qel {
+
+namespace idm {
+
+// One reference to the object of an entry, or none.
+struct Held {
+    Pool* pool = nullptr;
+    Entry* entry = nullptr;
+};
+
+// As qel_idm_lookup_and_retain_id().
+Held retain(std::uint32_t pool, std::uint32_t id);
+
+// The rest of a release that took the last reference: queues the entry and runs the pool's destructor.
+void end_life(Pool& pool, Entry& entry);
+
+inline void let_go(const Held& held) {
+    std::uint64_t word = held.entry->state.load(std::memory_order_relaxed);
+    std::uint64_t next = 0;
+    do {
+        next = held.pool->marks.after_release(word);
+    } while (!held.entry->state.compare_exchange_weak(word, next,
+                                                      std::memory_order_acq_rel,  // R4, A4
+                                                      std::memory_order_relaxed));
+    if (is_last_reference(word)) [[unlikely]]
+        end_life(*held.pool, *held.entry);
+}
+
+}  // namespace idm
 
 template <class T>
 class Retained {
   public:
     Retained() = default;
-    Retained(std::uint32_t pool, std::uint32_t id)
-        : object_(static_cast<T*>(qel_idm_lookup_and_retain_id(pool, id))), pool_(pool), id_(id) {}
-    Retained(Retained&& other)
-        : object_(std::exchange(other.object_, nullptr)), pool_(other.pool_), id_(other.id_) {}
+    Retained(std::uint32_t pool, std::uint32_t id) : held_(idm::retain(pool, id)) {
+        if (held_.entry != nullptr) object_ = static_cast<T*>(held_.entry->ctx);
+    }
+    Retained(Retained&& other) : object_(std::exchange(other.object_, nullptr)), held_(other.held_) {}
     Retained& operator=(Retained&&) = delete;
     // The release may run the pool's destructor and, through it, code of the application.
     ~Retained() noexcept(false) {
-        // A release of a reference that this guard holds can't fail.
-        if (object_ != nullptr) static_cast<void>(qel_idm_release_id(pool_, id_));
+        if (object_ != nullptr) idm::let_go(held_);
     }
 
     explicit operator bool() const { return object_ != nullptr; }
@@ -33,8 +64,7 @@ class Retained {
 
   private:
     T* object_ = nullptr;
-    std::uint32_t pool_ = QEL_IDM_NO_POOL;
-    std::uint32_t id_ = 0;
+    idm::Held held_;
 };
 
 }  // namespace qel

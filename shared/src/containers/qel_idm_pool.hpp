@@ -60,6 +60,10 @@ constexpr std::uint64_t pack(EntryState state) {
     return std::bit_cast<std::uint64_t>(state);
 }
 
+constexpr bool is_last_reference(std::uint64_t word) {
+    return unpack(word).refcount == 1;
+}
+
 // What a state word must show. Bits outside 'mask' don't matter.
 struct Demand {
     std::uint64_t mask;
@@ -82,6 +86,9 @@ struct LifeMarks {
     // withdrawn mark stays until the next assignment.
     std::uint64_t after_life(std::uint64_t word) const {
         return (word & ~(mask | kAllReferences)) | ((word + kNextLife) & mask & ~in_use);
+    }
+    std::uint64_t after_release(std::uint64_t word) const {
+        return is_last_reference(word) ? after_life(word) : word - kOneReference;
     }
 };
 inline constexpr LifeMarks kRandomMarks{pack({.flags = kInUse}), pack({.gen = 0xff, .flags = kInUse})};
