@@ -1,15 +1,19 @@
 // What does it cost to hold an object through its ID for the length of a call, and to make and end an ID?
-// Beside libqb's handle database and a bare array of slots with generations and atomic counts, which has no
-// lock and no last release. 1,000 handles live; each thread of a pair works on its own half, or both on all
-// of them.
-#include "support/ratio.hpp"
-
+// Beside libqb's handle database and a bare array of slots, see slot_array.hpp. 1,000 handles live; each
+// thread of a pair works on its own half, or both on all of them. An operation is one get and put, by each
+// thread.
 #include <qel/idm.h>
+
+#include <algorithm>
 
 #include <atomic>
 #include <cstdint>
 #include <numeric>
 #include <random>
+#include <vector>
+
+#include "containers/slot_array.hpp"
+#include "support/beside.hpp"
 
 #if __has_include(<qb/qbhdb.h>)
 #include <qb/qbhdb.h>
@@ -52,30 +56,17 @@ struct Ours {
 };
 
 struct SlotArray {
-    struct Slot {
-        void* object;
-        std::uint32_t generation;
-        std::atomic<std::uint32_t> references;
-    };
-    std::vector<Slot> slots = std::vector<Slot>(kHandles);
+    std::vector<qel_bench::Slot> slots = std::vector<qel_bench::Slot>(kHandles);
 
     SlotArray() {
         for (std::uint32_t i = 0; i < kHandles; ++i) {
             slots[i].object = &objects[i];
             slots[i].references = 1;
         }
+        qel_bench::slot_array_open(slots.data(), kHandles);
     }
-    [[gnu::noinline]] void* get(std::uint32_t handle) {
-        if ((handle & 0xffff) >= slots.size()) return nullptr;
-        Slot& slot = slots[handle & 0xffff];
-        if (slot.generation != handle >> 16) return nullptr;
-        slot.references.fetch_add(1, std::memory_order_acquire);
-        return slot.object;
-    }
-    [[gnu::noinline]] void put(std::uint32_t handle) {
-        if ((handle & 0xffff) >= slots.size()) return;
-        slots[handle & 0xffff].references.fetch_sub(1, std::memory_order_acq_rel);
-    }
+    void* get(std::uint32_t handle) { return qel_bench::slot_array_get(handle); }
+    void put(std::uint32_t handle) { qel_bench::slot_array_put(handle); }
 };
 
 #if HAVE_QB
@@ -101,17 +92,13 @@ struct Qb {
 };
 #endif
 
-template <class Handles>
-Handles& instance() {
-    static Handles handles;
-    return handles;
-}
+constexpr std::size_t kBatch = 100'000;
+constexpr std::size_t kMakes = 1000;  // libqb looks through all its places
 
 template <class Handles>
-void hold(benchmark::State& state, const std::vector<std::uint32_t>& order) {
-    Handles& handles = instance<Handles>();
+void hold(Handles& handles, const std::vector<std::uint32_t>& order) {
     std::size_t next = 0;
-    for (auto _ : state) {
+    for (std::size_t done = 0; done < kBatch; ++done) {
         std::uint32_t index = order[next];
         if (++next == order.size()) next = 0;
         benchmark::DoNotOptimize(handles.get(index));
@@ -119,41 +106,47 @@ void hold(benchmark::State& state, const std::vector<std::uint32_t>& order) {
     }
 }
 
-template <class Handles>
-void hold_own(benchmark::State& state) {
-    hold<Handles>(state, shuffled_share(state.thread_index(), state.threads()));
+// 'threads' hold handles at once, each its own share of them or any.
+template <class Peer, bool shared>
+void hold_beside(benchmark::State& state) {
+    const int threads = static_cast<int>(state.range(0));
+    Ours ours;
+    Peer peer;
+    std::vector<std::vector<std::uint32_t>> orders;
+    for (int thread = 0; thread < threads; ++thread)
+        orders.push_back(shared ? shuffled_share(0, 1) : shuffled_share(thread, threads));
+    auto on_all = [&](auto& handles) {
+        qel_bench::on_threads(threads,
+                              [&](int thread) { hold(handles, orders[static_cast<std::size_t>(thread)]); });
+    };
+    qel_bench::beside(
+        state, kBatch, [&] { on_all(ours); }, [&] { on_all(peer); });
 }
 
 template <class Handles>
-void hold_any(benchmark::State& state) {
-    hold<Handles>(state, shuffled_share(0, 1));
+void make_and_end(Handles& handles) {
+    for (std::size_t done = 0; done < kMakes; ++done) handles.make_and_end();
 }
 
-template <class Handles>
-void make_and_end(benchmark::State& state) {
-    for (auto _ : state) instance<Handles>().make_and_end();
+template <class Peer>
+void make_beside(benchmark::State& state) {
+    Ours ours;
+    Peer peer;
+    qel_bench::beside(
+        state, kMakes, [&] { make_and_end(ours); }, [&] { make_and_end(peer); });
 }
 
-BENCHMARK_TEMPLATE(hold_own, Ours)->Threads(1)->Threads(2);
-BENCHMARK_TEMPLATE(hold_own, SlotArray)->Threads(1)->Threads(2);
-BENCHMARK_TEMPLATE(hold_any, Ours)->Threads(2);
-BENCHMARK_TEMPLATE(hold_any, SlotArray)->Threads(2);
-BENCHMARK_TEMPLATE(make_and_end, Ours);
+void threads(benchmark::internal::Benchmark* bench) {
+    bench->ArgName("threads")->Arg(1)->Arg(2)->UseManualTime()->MinTime(0.3);
+}
+BENCHMARK(hold_beside<SlotArray, false>)->Name("hold_own_beside_slot_array")->Apply(threads);
+BENCHMARK(hold_beside<SlotArray, true>)->Name("hold_any_beside_slot_array")->Apply(threads);
 #if HAVE_QB
-BENCHMARK_TEMPLATE(hold_own, Qb)->Threads(1)->Threads(2);
-BENCHMARK_TEMPLATE(hold_any, Qb)->Threads(2);
-BENCHMARK_TEMPLATE(make_and_end, Qb);
+BENCHMARK(hold_beside<Qb, false>)->Name("hold_own_beside_libqb")->Apply(threads);
+BENCHMARK(hold_beside<Qb, true>)->Name("hold_any_beside_libqb")->Apply(threads);
+BENCHMARK(make_beside<Qb>)->Name("make_and_end_beside_libqb")->UseManualTime()->MinTime(0.3);
 #endif
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    return qel_bench::run(argc, argv,
-                          {{"hold_own<Ours>/threads:1", "hold_own<Qb>/threads:1", 0.4},
-                           {"hold_own<Ours>/threads:1", "hold_own<SlotArray>/threads:1", 1.6},
-                           {"hold_own<Ours>/threads:2", "hold_own<Ours>/threads:1", 1.0},
-                           {"hold_own<Ours>/threads:2", "hold_own<Qb>/threads:2", 0.4},
-                           {"hold_any<Ours>/threads:2", "hold_any<Qb>/threads:2", 0.4},
-                           {"hold_any<Ours>/threads:2", "hold_any<SlotArray>/threads:2", 0},
-                           {"make_and_end<Ours>", "make_and_end<Qb>", 0}});
-}
+BENCHMARK_MAIN();

@@ -1,6 +1,7 @@
 // Measures ours and a peer side by side: a batch of one, a batch of the other, in turn, so that both see the
 // same machine. The table's columns are nanoseconds an operation (median and 99th percentile of the batches)
-// and 'ratio', ours : peer by the medians; below 1 is faster.
+// and 'ratio', ours : peer by the medians; below 1 is faster. 'best' is that ratio by the fastest batches:
+// what a machine shows that others use, too.
 //
 //     void lookup(benchmark::State& state) {
 //         qel_bench::beside(state, 1000, [] { ...1000 of ours... }, [] { ...1000 of the peer's... });
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <thread>
 #include <vector>
 
 namespace qel_bench {
@@ -57,13 +59,24 @@ void beside(benchmark::State& state, std::size_t operations, PrepareOurs prepare
     state.counters["ns_p99"] = of_ours.nanoseconds(0.99, operations);
     state.counters["peer_ns"] = peer_median;
     state.counters["ratio"] = median / peer_median;
+    state.counters["best"] = of_ours.nanoseconds(0, operations) / of_peer.nanoseconds(0, operations);
+}
+
+// Runs 'work'(0) to 'work'(threads - 1) at once, the first on this thread.
+template <class Work>
+void on_threads(int threads, Work work) {
+    std::vector<std::thread> others;
+    for (int other = 1; other < threads; ++other) others.emplace_back(work, other);
+    work(0);
+    for (std::thread& other : others) other.join();
 }
 
 template <class Ours, class Peer>
 void beside(benchmark::State& state, std::size_t operations, Ours ours, Peer peer) {
     ours();
     peer();
-    beside(state, operations, [] {}, ours, [] {}, peer);
+    beside(
+        state, operations, [] {}, ours, [] {}, peer);
 }
 
 }  // namespace qel_bench
