@@ -325,10 +325,12 @@ bool qel_mem_chunk::put_back_elsewhere_locked(std::byte* element) {
     store_word(element, kFreeMagic);
     block->stack()[block->free++] = element;
     ++free_count;
+    bool full = block->free == block->total;
+    bool changes_list = full || block->free == 1;
     if (block->free == 1) has_room_again_locked(*block);
-    if (block->free == block->total && block->is_sibling && !is(QEL_MEM_CHUNK_KEEP))
-        is_wholly_free_locked(*block);
-    set_source_locked(source);
+    if (full && block->is_sibling && !is(QEL_MEM_CHUNK_KEEP)) is_wholly_free_locked(*block);
+    // The source stands as it did, unless the list has changed or the element went onto the source's stack.
+    if (changes_list || block == source) set_source_locked(source);
     return true;
 }
 
