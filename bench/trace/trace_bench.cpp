@@ -42,7 +42,7 @@ void ours_integers_and_text(benchmark::State& state) {
 }
 void ours_disabled(benchmark::State& state) {
     for (auto _ : state) {
-        int enabled = qel_dt_trace_enabled(buffer, QEL_DT_LEVEL_DEBUG);
+        const int enabled = qel_dt_trace_enabled(buffer, QEL_DT_LEVEL_DEBUG);
         benchmark::DoNotOptimize(enabled);
     }
 }
