@@ -23,7 +23,8 @@ namespace qel {
 namespace {
 
 constexpr const char* kListName = "qel_trace.tpl";
-constexpr int kTextYields = 64;
+// For one registration in all: a hostile list may owe a text at every place.
+constexpr int kTextYields = 256;
 
 constinit Mutex list_lock;
 constinit qel_shm_info list_info QEL_GUARDED_BY(list_lock){};
@@ -69,18 +70,18 @@ int release_locked(std::uint32_t& holds) QEL_REQUIRES(list_lock) {
     return 0;
 }
 
-// The first byte of an entry's text, once its claimer has written the text; 0 if that takes too long.
-char await_text(qel_dt_tp_entry& entry) {
+// The first byte of an entry's text, once its claimer has written the text; 0 if 'yields' run out before.
+char await_text(qel_dt_tp_entry& entry, int& yields) {
     std::atomic_ref<char> first{entry.format[0]};
-    for (int yields = 0;; ++yields) {
+    for (;; --yields) {
         char seen = first.load(std::memory_order_acquire);  // A1: with R1 the text and its types are there.
-        if (seen != '\0' || yields == kTextYields) return seen;
+        if (seen != '\0' || yields == 0) return seen;
         sched_yield();
     }
 }
 
-bool same_format(qel_dt_tp_entry& entry, const qel_dt_tp_entry& wanted) {
-    return await_text(entry) == wanted.format[0] &&
+bool same_format(qel_dt_tp_entry& entry, const qel_dt_tp_entry& wanted, int& yields) {
+    return await_text(entry, yields) == wanted.format[0] &&
            std::memcmp(entry.format, wanted.format, wanted.length + 1) == 0;
 }
 
@@ -96,14 +97,14 @@ void fill_entry(qel_dt_tp_list& list, qel_dt_tp_entry& entry, const qel_dt_tp_en
 }
 
 // True if 'entry' holds the record's format now, whether it did before or was free.
-bool find_or_claim(qel_dt_tp_list& list, qel_dt_tp_entry& entry, const qel_dt_tp_entry& record) {
+bool find_or_claim(qel_dt_tp_list& list, qel_dt_tp_entry& entry, const qel_dt_tp_entry& record, int& yields) {
     std::atomic_ref<std::uint32_t> length{entry.length};
     std::uint32_t seen = length.load(std::memory_order_acquire);
     if (seen == 0 && length.compare_exchange_strong(seen, record.length)) {
         fill_entry(list, entry, record);
         return true;
     }
-    return seen == record.length && same_format(entry, record);
+    return seen == record.length && same_format(entry, record, yields);
 }
 
 // False if this process knows another format by that index.
@@ -125,8 +126,9 @@ int point_register(const char* format, std::uint32_t least_args, std::uint32_t& 
     qel_dt_tp_list* list = mapped_list.load(std::memory_order_acquire);
     if (list == nullptr) return ENOENT;
     const ArgumentPlan plan{record.types};
+    int yields = kTextYields;
     for (index = 0; index < QEL_DT_TP_CAPACITY; ++index)
-        if (plan_fits(index, plan) && find_or_claim(*list, list->entries[index], record) &&
+        if (plan_fits(index, plan) && find_or_claim(*list, list->entries[index], record, yields) &&
             keep_plan(index, plan))
             return 0;
     return ENOSPC;
