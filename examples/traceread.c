@@ -99,9 +99,13 @@ static void print_bytes(const uint8_t* bytes, size_t count, const char* format, 
     }
 }
 
-/* A string may hold what a terminal would obey. */
+/* A text may hold what a terminal would obey. */
+static void print_character(char c) {
+    putchar((unsigned char)c < ' ' || c == 0x7f ? '?' : c);
+}
+
 static void print_string(const uint8_t* text) {
-    for (; *text != '\0'; ++text) putchar(*text < ' ' || *text == 0x7f ? '?' : *text);
+    for (; *text != '\0'; ++text) print_character((char)*text);
 }
 
 static void print_other(struct arguments* args, uint32_t type) {
@@ -146,7 +150,7 @@ static void print_text(const qel_dt_tp_entry* point, const struct entry* entry) 
     uint32_t index = 0;
     for (const char* at = point->format; at < end; ++at) {
         if (*at != '%' || at[1] == '%') {
-            putchar(*at);
+            print_character(*at);
             at += *at == '%';
             continue;
         }
