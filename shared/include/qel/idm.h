@@ -10,9 +10,9 @@
  *     ...
  *     qel_idm_release_id(pool, id);
  *
- *     qel_idm_lookup_and_retain_id(pool, id);           // deleting: no lookup finds the ID from the withdraw
- *     qel_idm_release_and_withdraw_id(pool, id);        // on, the calls in flight finish, and the last
- * release qel_idm_release_id(pool, id);                     // runs the destructor
+ *     qel_idm_lookup_and_retain_id(pool, id);           // deleting: no lookup finds it from the withdraw
+ *     qel_idm_release_and_withdraw_id(pool, id);        // on; calls in flight finish, and the last
+ *     qel_idm_release_id(pool, id);                     // release runs the destructor
  *
  * IDs and pool handles are opaque; no ID is 0. In a random pool a released ID is refused until its entry has
  * had 256 lives. In a sequential pool IDs count up from 1 while the first block of entries lasts, and a

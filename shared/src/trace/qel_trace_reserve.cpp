@@ -4,11 +4,11 @@
 // one reserved, and moves the cursor past its blocks. The blocks are the writer's when, and only if, that
 // last swap works:
 //
-//     read cursor -> snapshot the window -> cursor unchanged? -> mark first -> move cursor -> free the others
-//     -> own
-//                        | one is reserved       | no             | lost        | lost           | one lost
-//                        v                       v                v             v                v
-//                  move cursor past it       again            again         take the mark off, again
+//     read cursor -> snapshot -> cursor unchanged? -> mark first -> move cursor -> free others -> own
+//                       |             |                  |             |              |
+//                a reserved one       no                lost          lost        one lost
+//                       v             v                  v             v              v
+//                move past it       again              again         take the mark off, again
 //
 // Two writers never own a block. In one lap the swap of the cursor hands each block out once. A writer still
 // at work since an earlier lap put its mark before it moved the cursor, so whoever comes there a lap later
@@ -16,9 +16,8 @@
 // That is why
 // - a lost swap of the cursor takes the mark off again: the window may be another's by now;
 // - the cursor is moved to the end of the reserved entry, wherever in the window that begins, and of all
-// reserved
-//   entries that begin inside it: a slow writer's mark, about to be taken off, may cover the beginning of a
-//   live one.
+//   reserved entries that begin inside it: a slow writer's mark, about to be taken off, may cover the
+//   beginning of a live one.
 // The second look at the cursor keeps a slow writer from marking, and so wiping out, an entry that was
 // committed at the cursor's place a moment ago. tests/trace/model/reserve.pml searches all interleavings of
 // this very sequence.
