@@ -234,9 +234,16 @@ TEST(TraceBuffer, a_resize_takes_every_process_along) {
 
 TEST(TraceBuffer, a_failed_remap_drops_entries_and_lets_the_handle_go) {
     Buffer buffer{"lost"};
+    Buffer tested{"lost"};
+    Buffer waiting{"lost"};
     RawBuffer raw = buffer.raw();
     raw.store<uint32_t>(kFlags, kFlagStale);
+    // The creator of the segment that replaces it has died over it.
+    raw.store<uint32_t>(size_t(-12), 0xace00000);
+    EXPECT_EQ(log_once(waiting, "lost %d", 0), 110);
     unlink(shm_file("lost.qdt").c_str());
+    EXPECT_FALSE(qel_dt_trace_enabled(tested, 3));
+    EXPECT_TRUE(qel_dt_trace_enabled(tested, 7));
     uint32_t site = kUnregistered;
     EXPECT_EQ(log_at(site, buffer, "lost %d", 1), 2);
     EXPECT_EQ(log_at(site, buffer, "lost %d", 2), 0);

@@ -140,7 +140,7 @@ int _qel_dt_log_filter_adv2(qel_dt_flag* flag, qel_dt_buffer_handle buffer, uint
 }
 
 int qel_dt_trace_enabled(qel_dt_buffer_handle buffer, uint32_t level) {
-    return buffer != nullptr && level <= trace_level(buffer);
+    return buffer != nullptr && trace_passes(buffer, level);
 }
 
 int qel_dt_register_log_callback(qel_dt_log_callback function, void* context) {

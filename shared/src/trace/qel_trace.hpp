@@ -12,8 +12,8 @@
 namespace qel {
 
 // Writes one entry, registering 'format' first if '*tp' is QEL_DT_TP_UNREGISTERED; a format that can't be
-// used turns
-// '*tp' into QEL_DT_TP_UNUSABLE. No lock, no allocation, no system call once the format is registered.
+// used turns '*tp' into QEL_DT_TP_UNUSABLE. No lock, no allocation, no system call once the format is
+// registered.
 //
 // Returns 0, also when the entry is dropped because the buffer is paused, full or being remapped; E2BIG when
 // the arguments take more than 1,000 bytes or the format more than 16 or less than 'least_args'; EINVAL for a
@@ -22,16 +22,17 @@ namespace qel {
 int trace_write(qel_dt_buffer_handle buffer, std::uint32_t least_args, std::uint32_t* tp, const char* format,
                 va_list args);
 
-// The level of a buffer whose segment has been replaced: maps the new one first.
-std::uint32_t trace_level_of_stale(qel_dt_buffer_handle buffer);
+// trace_passes() for a buffer whose segment has been replaced: maps the new one first.
+bool stale_trace_passes(qel_dt_buffer_handle buffer, std::uint32_t level);
 
-// The level of 'buffer', which is not null: two loads, no lock. During a remap every level passes.
-inline std::uint32_t trace_level(qel_dt_buffer_handle buffer) {
+// True if 'level' is not above that of 'buffer', which is not null: two loads, no lock. During a remap every
+// level passes, and none if the remap fails on this very call.
+inline bool trace_passes(qel_dt_buffer_handle buffer, std::uint32_t level) {
     const WordPair* word = buffer->level_word.load(std::memory_order_acquire);
     auto now = std::bit_cast<LevelAndFlags>(__atomic_load_n(&word->value, __ATOMIC_RELAXED));
     if ((now.flags & kFlagStale) != 0) [[unlikely]]
-        return trace_level_of_stale(buffer);
-    return now.level;
+        return stale_trace_passes(buffer, level);
+    return level <= now.level;
 }
 
 }  // namespace qel

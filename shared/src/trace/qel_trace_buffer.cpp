@@ -2,7 +2,7 @@
 //
 // A handle holds the list of trace points, a mapping of the buffer's segment and the window on its header.
 // Each step of making one is undone when a later one fails. The level is no control operation: it is read and
-// set inside the gate, and by trace_level() without even that.
+// set inside the gate, and by trace_passes() without even that.
 //
 // Locks: see qel_trace_gate.hpp. Threads: any; who closes a handle must be its last user.
 // Restart: see qel_trace_segment.cpp.
@@ -99,10 +99,9 @@ void close_handle(qel_dt_buffer_handle& handle) {
 
 }  // namespace
 
-std::uint32_t trace_level_of_stale(qel_dt_buffer_handle buffer) {
-    Inside inside{*buffer};
-    if (inside.error() != 0) return QEL_DT_LEVEL_DEBUG;
-    return std::atomic_ref<std::uint32_t>{buffer->segment.header->level}.load(std::memory_order_relaxed);
+bool stale_trace_passes(qel_dt_buffer_handle buffer, std::uint32_t level) {
+    std::uint32_t highest = QEL_DT_LEVEL_DEBUG;
+    return qel_dt_buffer_get_level(buffer, &highest) == 0 && level <= highest;
 }
 
 }  // namespace qel
@@ -123,7 +122,8 @@ int qel_dt_buffer_init(qel_dt_buffer_handle* out, const char* name, uint32_t, ui
 
 int qel_dt_buffer_open(qel_dt_buffer_handle* out, const char* name) {
     if (out == nullptr || !valid_name(name)) return EINVAL;
-    return make_handle(name, out, [&](BufferSegment& segment) { return segment_attach(name, segment); });
+    return make_handle(name, out,
+                       [&](BufferSegment& segment) { return segment_attach(name, kNoLimit, segment); });
 }
 
 int qel_dt_buffer_close(qel_dt_buffer_handle* buffer) {

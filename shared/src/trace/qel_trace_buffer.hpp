@@ -70,10 +70,13 @@ struct BufferSettings {
 std::uint32_t blocks_for(std::uint64_t size);
 
 // Open the segment of the buffer 'name' with the QEL_SHM_ flags 'flags', creating it from 'settings' if they
-// allow that and it is absent; or attach to the one that is there. A segment that fails the check gives
-// EBADF.
+// allow that and it is absent; or attach to the one that is there, waiting 'wait_ms' at most (ETIMEDOUT) for
+// a creator that hasn't finished it. A segment that fails the check gives EBADF.
+inline constexpr std::uint32_t kNoLimit = 0;
+// For who keeps others out meanwhile, or must not be held up: the creator may have died.
+inline constexpr std::uint32_t kCreationLimitMs = 1000;
 int segment_open(const char* name, std::uint32_t flags, const BufferSettings& settings, BufferSegment& out);
-int segment_attach(const char* name, BufferSegment& out);
+int segment_attach(const char* name, std::uint32_t wait_ms, BufferSegment& out);
 void segment_close(BufferSegment& segment);
 int segment_unlink(const char* name);
 

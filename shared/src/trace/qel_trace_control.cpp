@@ -140,7 +140,7 @@ int go_over_to(qel_dt_buffer& buffer, BufferSegment& fresh) {
 // Somebody made the buffer anew between our removing its name and taking it: theirs is the buffer now.
 int join_the_other(qel_dt_buffer& buffer, ControlSection& section) {
     BufferSegment theirs{};
-    if (int error = segment_attach(buffer.name, theirs); error != 0) return error;
+    if (int error = segment_attach(buffer.name, kCreationLimitMs, theirs); error != 0) return error;
     // They may have found our name in the list before it was taken off. Without a slot the buffer is only
     // unlisted.
     static_cast<void>(name_list_enter(buffer.name));

@@ -59,7 +59,7 @@ void gate_kill(qel_dt_buffer& buffer) {
 int attach_successor(const char* name, BufferSegment& out) {
     const timespec limit = add(monotonic_now(), kNameGapLimit);
     for (;;) {
-        int error = segment_attach(name, out);
+        int error = segment_attach(name, kCreationLimitMs, out);
         if (error != ENOENT || order(monotonic_now(), limit) >= 0) return error;
         sched_yield();
     }

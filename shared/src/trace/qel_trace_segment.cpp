@@ -19,8 +19,8 @@ namespace {
 
 struct SegmentName {
     explicit SegmentName(const char* name) { std::snprintf(text, sizeof text, "%s.qdt", name); }
-    char text[QEL_DT_NAME_SIZE +
-              5];  // a name of 128 and the suffix; too long to be opened, but not to be refused
+    // A name of 128 and the suffix: too long to be opened, and refused there.
+    char text[QEL_DT_NAME_SIZE + 5];
 };
 
 struct NewBuffer {
@@ -76,7 +76,8 @@ int write_segment(qel_shm_info* info, void* context) {
 // The number of blocks by which 'info' may be used; 0 if it is no sound buffer.
 std::uint32_t checked_blocks(const qel_shm_info& info) {
     if (info.size < buffer_size(kMinBlocks)) return 0;
-    const std::uint32_t blocks = static_cast<BufferHeader*>(info.addr)->blocks;
+    std::atomic_ref<std::uint32_t> claimed{static_cast<BufferHeader*>(info.addr)->blocks};
+    const std::uint32_t blocks = claimed.load(std::memory_order_relaxed);  // once, as it may change
     if (blocks < kMinBlocks || blocks > kMaxBlocks || buffer_size(blocks) > info.size) return 0;
     return segment_sound(lay_out(info, blocks)) ? blocks : 0;
 }
@@ -107,10 +108,10 @@ int segment_open(const char* name, std::uint32_t flags, const BufferSettings& se
     return error != 0 ? error : check_mapping(info, out);
 }
 
-int segment_attach(const char* name, BufferSegment& out) {
+int segment_attach(const char* name, std::uint32_t wait_ms, BufferSegment& out) {
     qel_shm_info info{};
-    int error =
-        qel_shm_safe_open(SegmentName{name}.text, 0, 0, kBufferSegmentMagic, nullptr, nullptr, 0, &info);
+    int error = qel_shm_safe_open(SegmentName{name}.text, 0, 0, kBufferSegmentMagic, nullptr, nullptr,
+                                  wait_ms, &info);
     return error != 0 ? error : check_mapping(info, out);
 }
 
