@@ -149,15 +149,17 @@ int join_the_other(qel_dt_buffer& buffer, ControlSection& section) {
     return EEXIST;
 }
 
+// The new segment is born with our control flag, and can't be born stale.
+constexpr std::uint32_t kFlagsThatStay = kFlagControl | kFlagPaused | kFlagOneShot;
+
 BufferSettings settings_after_resize(BufferHeader& header, std::uint32_t size) {
     return {.blocks = blocks_for(size),
             .size = size,
             .original_size = header.original_size,
             .level = Word{header.level}.load(),
-            .flags = Word{header.flags}.load() & ~kFlagOneShotFull};
+            .flags = Word{header.flags}.load() & kFlagsThatStay};
 }
 
-// The new segment is born with our control flag.
 int replace_by_new_size(qel_dt_buffer& buffer, ControlSection& section, std::uint32_t size) {
     if (int error = segment_unlink(buffer.name); error != 0) return error;
     name_list_remove(buffer.name);
