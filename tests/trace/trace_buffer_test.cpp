@@ -170,21 +170,18 @@ TEST(TraceBuffer, corrupt_segments_are_refused_and_never_followed) {
         raw.store<uint32_t>(offset, good);
         EXPECT_EQ(qel_dt_buffer_pause(buffer), 0);
     }
-    ASSERT_EQ(truncate(shm_file("qel_trace.tpl").c_str(), 100), 0);
-    qel_dt_buffer_handle handle = nullptr;
-    EXPECT_EQ(qel_dt_buffer_init(&handle, "x", 0, 1), 22);
-    unlink(shm_file("qel_trace.tpl").c_str());
-}
-
-TEST(TraceBuffer, a_truncated_segment_is_refused) {
+    // Cut while nobody had them mapped.
     {
         Buffer buffer{"short"};
         ASSERT_EQ(qel_dt_buffer_close(buffer.out()), 0);
     }
-    ASSERT_EQ(truncate(shm_file("short.qdt").c_str(), 12 + 224 + 68 * 128), 0);
     qel_dt_buffer_handle handle = nullptr;
-    EXPECT_EQ(qel_dt_buffer_open(&handle, "short"), 9);
-    unlink(shm_file("short.qdt").c_str());
+    for (auto [object, size, result] :
+         {std::tuple{"short.qdt", 12 + 224 + 68 * 128, 9}, {"qel_trace.tpl", 100, 22}}) {
+        ASSERT_EQ(truncate(shm_file(object).c_str(), size), 0);
+        EXPECT_EQ(qel_dt_buffer_open(&handle, "short"), result);
+    }
+    for (const char* object : {"short.qdt", "qel_trace.tpl"}) unlink(shm_file(object).c_str());
 }
 
 QEL_ROLE(writer) {

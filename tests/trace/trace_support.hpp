@@ -79,11 +79,10 @@ enum : size_t {
     kRollbacks = 200,
     kLevel = 204,
     kFlags = 208,
-    kOneShotMark = 212,
     kClearSeconds = 216,
     kControl = 224
 };
-enum : uint32_t { kFlagControl = 1, kFlagStale = 2, kFlagPaused = 4, kFlagOneShot = 8, kFlagFull = 16 };
+enum : uint32_t { kFlagControl = 1, kFlagStale = 2, kFlagPaused = 4 };
 
 class RawBuffer : public RawSegment {
   public:

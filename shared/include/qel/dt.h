@@ -126,8 +126,8 @@ QEL_API int qel_dt_register_log_callback(qel_dt_log_callback function, void* con
 QEL_API int qel_dt_deregister_log_callback(void);
 
 /** Returns 1 if an entry of 'level' (QEL_DT_LEVEL_*) would enter the buffer: 'level' isn't above the
- * buffer's. 0 for a null buffer. A few loads, no lock; while the buffer is being remapped every level passes.
- */
+ * buffer's. 0 for a null buffer, and if its replacement can't be mapped. A few loads, no lock; every level
+ * passes while the buffer is being remapped. */
 QEL_API int qel_dt_trace_enabled(qel_dt_buffer_handle buffer, uint32_t level);
 
 /** Logs: writes the entry into 'buffer' if that isn't null, then prints it on 'flag' if that isn't null and
