@@ -202,8 +202,11 @@ void ReportedLockFailures::unlock_failed(int error) {
 }
 
 Retained retain(qel_dm_handle handle) {
+    Dispatcher* served = served_here;
+    if (served != nullptr && served->handle == handle && !served->destroy_pending()) return Retained{*served};
     if (handle > UINT32_MAX) return {};
-    return {id_pool.load(std::memory_order_acquire), static_cast<std::uint32_t>(handle)};
+    return Retained{qel::Retained<Dispatcher>{id_pool.load(std::memory_order_acquire),
+                                              static_cast<std::uint32_t>(handle)}};
 }
 
 Retained retain_or_default(qel_dm_handle handle) {

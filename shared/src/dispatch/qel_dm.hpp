@@ -21,6 +21,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "containers/qel_dqueue.hpp"
 #include "containers/qel_idm.hpp"
@@ -28,6 +29,10 @@
 #include "dispatch/qel_dm_lnx.hpp"
 #include "dispatch/qel_dm_report.hpp"
 #include "dispatch/qel_dm_timer_heap.hpp"
+
+namespace qel::dm {
+struct Descriptor;
+}
 
 // What a serving thread knows of itself; kept under the thread-local key 'qdm_key'. Only its thread touches
 // it.
@@ -51,6 +56,8 @@ struct qel_dm_instance {
     std::uint32_t handle;
     std::int32_t waiters QEL_GUARDED_BY(mutex);  // threads that destruction must wait for
     qel_hashset* fds QEL_GUARDED_BY(mutex);
+    qel::dm::Descriptor** fds_by_number QEL_GUARDED_BY(mutex);  // the set's elements, null for the others
+    std::uint32_t fd_numbers QEL_GUARDED_BY(mutex);             // length of that array
 
     // The thread pool: min_wait 0 means that there is none.
     qel_thread_attr* thread_attr QEL_GUARDED_BY(mutex);
@@ -72,7 +79,7 @@ struct qel_dm_instance {
     qel_dqueue batch QEL_GUARDED_BY(batch_mutex);
     qel_dqueue done_jobs QEL_GUARDED_BY(batch_mutex);
     std::uint32_t done_count QEL_GUARDED_BY(batch_mutex);
-    bool batch_holds_jobs;          // written under 'batch_mutex'
+    bool batch_holds_jobs;                                 // written under 'batch_mutex'
     std::uint32_t jobs_since_poll;  // jobs taken since the kernel was last asked; approximate
 
     qel_dqueue messages QEL_GUARDED_BY(mutex);
@@ -111,10 +118,28 @@ namespace qel::dm {
 
 using Dispatcher = qel_dm_instance;
 using Context = qel_dm_thread_context;
-using Retained = qel::Retained<Dispatcher>;
 using Locked = BasicLocked<ReportedLockFailures>;
 
 constexpr std::uint32_t kPoolElementSize = 64;
+
+// A dispatcher reached through its handle, for the length of a call. Inside a handler the dispatch that runs
+// it holds a reference already, so none is taken: threads that serve one dispatcher would otherwise pass the
+// line with its count to and fro.
+class Retained {
+  public:
+    Retained() = default;
+    explicit Retained(Dispatcher& served) : object_(&served) {}
+    explicit Retained(qel::Retained<Dispatcher> reference)
+        : reference_(std::move(reference)), object_(reference_.get()) {}
+
+    explicit operator bool() const { return object_ != nullptr; }
+    Dispatcher* operator->() const { return object_; }
+    Dispatcher& operator*() const { return *object_; }
+
+  private:
+    qel::Retained<Dispatcher> reference_;
+    Dispatcher* object_ = nullptr;
+};
 
 // Which event a thread has in hand between its wait and its dispatch.
 enum PickedKind : std::uint32_t { kNothing = 0, kDescriptor = 1, kTimer = 2 };
@@ -165,6 +190,9 @@ inline void add_waiters_locked(Dispatcher& dispatcher, std::int32_t change) QEL_
 }
 
 // ---- qel_dm_loop.cpp
+
+// The dispatcher whose handler the calling thread runs, the innermost one; else null.
+inline constinit thread_local Dispatcher* served_here = nullptr;
 
 // Makes the key of the thread contexts; 0 or the system's error. Call under the list's lock.
 int make_context_key();

@@ -1,8 +1,9 @@
 // Descriptors as event sources.
 //
 // A registration is a record in the dispatcher's hash set, keyed by the descriptor's number, and a one-shot
-// entry in the kernel. The key stored with the kernel carries a generation besides the number, so an event
-// picked for a registration that has since been removed is recognised and dropped.
+// entry in the kernel. An array by number beside the set finds it in one load. The key stored with the kernel
+// carries a generation besides the number, so an event picked for a registration that has since been removed
+// is recognised and dropped.
 //
 // Invariant: a record in the set has a handler and was accepted by the kernel; closing a descriptor takes the
 // kernel's entry away and leaves the record, which the next registration of that number finds and renews.
@@ -11,19 +12,23 @@
 
 #include <qel/base.h>
 
-#include "core/qel_owned.hpp"
+#include <algorithm>
+#include <bit>
 
 namespace qel::dm {
 namespace {
 
 constexpr std::uint32_t kMaxDescriptor = 0xffff;
 constexpr std::uint32_t kMaxConditions = 0xf;
+constexpr std::uint32_t kFirstNumbers = 64;
 
 struct Handlers {
     qel_dm_fd_handler fd_handler;
     qel_dm_io_handler io_handler;
     void* context;
 };
+
+}  // namespace
 
 struct Descriptor {
     qel_hash_link link;
@@ -32,6 +37,8 @@ struct Descriptor {
     Handlers handlers;
     std::uint32_t key;
 };
+
+namespace {
 
 struct Registration {
     std::uint32_t fd;
@@ -48,12 +55,24 @@ bool same_fd(const void* probe, const void* element, void*) {
 }
 
 Descriptor* find_locked(Dispatcher& dispatcher, std::uint32_t fd) QEL_REQUIRES(dispatcher.mutex) {
-    Descriptor probe;
-    probe.fd = fd;
-    return static_cast<Descriptor*>(qel_hashset_get(dispatcher.fds, &probe));
+    return fd < dispatcher.fd_numbers ? dispatcher.fds_by_number[fd] : nullptr;
+}
+
+// Makes room in the array for 'fd'; false when memory is short.
+bool reserve_number_locked(Dispatcher& dispatcher, std::uint32_t fd) QEL_REQUIRES(dispatcher.mutex) {
+    const std::uint32_t held = dispatcher.fd_numbers;
+    if (fd < held) return true;
+    const std::uint32_t wanted = std::max(std::bit_ceil(fd + 1), kFirstNumbers);
+    void* memory = qel_named_realloc(dispatcher.fds_by_number, wanted * sizeof(Descriptor*));
+    if (memory == nullptr) return false;
+    dispatcher.fds_by_number = static_cast<Descriptor**>(memory);
+    std::fill(dispatcher.fds_by_number + held, dispatcher.fds_by_number + wanted, nullptr);
+    dispatcher.fd_numbers = wanted;
+    return true;
 }
 
 void drop_locked(Dispatcher& dispatcher, Descriptor* record) QEL_REQUIRES(dispatcher.mutex) {
+    dispatcher.fds_by_number[record->fd] = nullptr;
     qel_hashset_remove(dispatcher.fds, record);
     give_back(dispatcher, record);
 }
@@ -82,12 +101,14 @@ int update_locked(Dispatcher& dispatcher, Descriptor& record, const Registration
 }
 
 int insert_locked(Dispatcher& dispatcher, const Registration& wanted) QEL_REQUIRES(dispatcher.mutex) {
-    Descriptor* record = allocate<Descriptor>(dispatcher);
+    Descriptor* record =
+        reserve_number_locked(dispatcher, wanted.fd) ? allocate<Descriptor>(dispatcher) : nullptr;
     if (record == nullptr) return no_memory<"QDM407">();
     record->fd = wanted.fd;
     record->events = platform::to_flags(wanted.conditions);
     record->handlers = wanted.handlers;
     qel_hashset_insert(dispatcher.fds, record);
+    dispatcher.fds_by_number[record->fd] = record;
     int error = add_locked(dispatcher, *record);
     if (error == 0) return 0;
     drop_locked(dispatcher, record);
@@ -155,6 +176,7 @@ void free_descriptor_set(Dispatcher& dispatcher) {
     while (void* record = qel_hashset_first(dispatcher.fds))
         drop_locked(dispatcher, static_cast<Descriptor*>(record));
     qel_hashset_free(&dispatcher.fds);
+    qel_named_free(dispatcher.fds_by_number);
 }
 
 void rearm_descriptor_locked(Dispatcher& dispatcher, const platform::Event& picked) {

@@ -31,6 +31,32 @@ constexpr std::array<ConditionFlag, 3> kAskedFor{{
     {QEL_DM_URGENT, EPOLLPRI},
 }};
 
+constexpr std::uint32_t flags_of(std::uint32_t conditions) {
+    std::uint32_t flags = EPOLLONESHOT;
+    for (const ConditionFlag& row : kAskedFor)
+        if ((conditions & row.condition) != 0) flags |= row.flag;
+    return flags;
+}
+
+constexpr std::uint32_t conditions_of(std::uint32_t flags) {
+    std::uint32_t conditions = (flags & EPOLLHUP) != 0 ? QEL_DM_HANGUP : 0;
+    for (const ConditionFlag& row : kAskedFor)
+        if ((flags & row.flag) != 0) conditions |= row.condition;
+    return conditions;
+}
+
+template <std::size_t N, class Entry>
+consteval std::array<std::uint32_t, N> tabulate(Entry entry) {
+    std::array<std::uint32_t, N> table{};
+    for (std::uint32_t i = 0; i < N; ++i) table[i] = entry(i);
+    return table;
+}
+
+// Each event needs both; straight loads where branches would find the predictor cold after a system call.
+constexpr auto kFlagsOf = tabulate<16>([](std::uint32_t conditions) { return flags_of(conditions); });
+constexpr auto kConditionsOf = tabulate<32>([](std::uint32_t flags) { return conditions_of(flags); });
+static_assert((EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLHUP) < kConditionsOf.size());
+
 epoll_event to_native(const Event& event) {
     epoll_event native{};
     native.events = event.flags;
@@ -45,17 +71,11 @@ int native_operation(Operation operation) {
 }  // namespace
 
 std::uint32_t to_flags(std::uint32_t conditions) {
-    std::uint32_t flags = EPOLLONESHOT;
-    for (const ConditionFlag& row : kAskedFor)
-        if ((conditions & row.condition) != 0) flags |= row.flag;
-    return flags;
+    return kFlagsOf[conditions % kFlagsOf.size()];
 }
 
 std::uint32_t to_conditions(std::uint32_t flags) {
-    std::uint32_t conditions = (flags & EPOLLHUP) != 0 ? QEL_DM_HANGUP : 0;
-    for (const ConditionFlag& row : kAskedFor)
-        if ((flags & row.flag) != 0) conditions |= row.condition;
-    return conditions;
+    return kConditionsOf[flags % kConditionsOf.size()];
 }
 
 std::uint32_t wanted_flags(std::uint32_t flags, std::uint32_t asked) {

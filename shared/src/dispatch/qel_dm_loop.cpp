@@ -20,6 +20,9 @@ namespace {
 
 constinit std::atomic<pthread_key_t> qdm_key{0xffffffff};
 
+// What the key holds for the calling thread, one load away; the key is there for its destructor.
+constinit thread_local Context* own = nullptr;
+
 bool is_pipe_event(const Context& context) {
     return context.event == kDescriptor && context.epoll_event.source == platform::kPipe;
 }
@@ -44,6 +47,7 @@ void hand_back(Context& context) {
 
 void end_context(void* record) {
     Owned<Context> context{static_cast<Context*>(record)};
+    own = nullptr;
     if (context->event != kNothing) hand_back(*context);
 }
 
@@ -53,7 +57,8 @@ Context* own_or_new_context() {
     Owned<Context> context = allocate_zeroed<Context>(QEL_MEM_QDM);
     if (!context || pthread_setspecific(qdm_key.load(std::memory_order_relaxed), context.get()) != 0)
         return nullptr;
-    return context.release();
+    own = context.release();
+    return own;
 }
 
 void release_timing_locked(Dispatcher& dispatcher, const Context& context) QEL_REQUIRES(dispatcher.mutex) {
@@ -162,6 +167,18 @@ Round wait_round_locked(Dispatcher& dispatcher, Context& context, bool blocking)
     return {true, 0};
 }
 
+// Marks the calling thread as one that runs a handler of the dispatcher. A handler may serve another one.
+class ServedHere {
+  public:
+    explicit ServedHere(Dispatcher& dispatcher) : outer_(std::exchange(served_here, &dispatcher)) {}
+    ServedHere(const ServedHere&) = delete;
+    ServedHere& operator=(const ServedHere&) = delete;
+    ~ServedHere() { served_here = outer_; }
+
+  private:
+    Dispatcher* outer_;
+};
+
 // The frame of the two dispatch calls: the instance and the context that belongs to it.
 struct Serving {
     Retained dispatcher;
@@ -192,7 +209,7 @@ int make_context_key() {
 }
 
 Context* own_context() {
-    return static_cast<Context*>(pthread_getspecific(qdm_key.load(std::memory_order_relaxed)));
+    return own;
 }
 
 int wait_step_locked(Dispatcher& dispatcher, Context& context, bool blocking) {
@@ -219,6 +236,7 @@ void pass_wake_on_locked(Dispatcher& dispatcher) {
 }
 
 void dispatch_step(Dispatcher& dispatcher, Context& context) {
+    ServedHere served{dispatcher};
     bool jobs = is_pipe_event(context);
     // Cleared first: the handler may end this thread, or serve an inner loop on it.
     switch (std::exchange(context.event, kNothing)) {
