@@ -18,6 +18,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "time/qel_time.hpp"
+
 namespace qel::dm {
 namespace {
 
@@ -25,9 +27,7 @@ constexpr std::int64_t kDueWithinNs = 200'000;
 constexpr std::int64_t kNsPerMs = 1'000'000;
 
 std::int64_t now_ns() {
-    timespec now{};
-    qel_ptimer_get_time(&now);
-    return to_nanoseconds(now);
+    return to_nanoseconds(monotonic_now());
 }
 
 int round_up_to_ms(std::int64_t left_ns) {
@@ -44,15 +44,20 @@ bool is_foreign(const Dispatcher& dispatcher, const qel_dm_timer_record* timer) 
     return timer == nullptr || timer->owner != dispatcher.handle;
 }
 
-// Takes a timer off whatever it is in. Nobody waits for it from now on.
+// Nobody waits for this timer from now on.
+void stop_timing_locked(Dispatcher& dispatcher, qel_dm_timer timer) QEL_REQUIRES(dispatcher.mutex) {
+    if (dispatcher.timed_wait_timer != timer) return;
+    dispatcher.timed_wait_timer = nullptr;
+    dispatcher.timing_thread = nullptr;
+}
+
+// Takes a timer off whatever it is in.
 void take_off_locked(Dispatcher& dispatcher, qel_dm_timer timer) QEL_REQUIRES(dispatcher.mutex) {
     if (is_running(*timer))
         dispatcher.running_timers.remove(timer);
     else
         dqueue_remove(timer->link);
-    if (dispatcher.timed_wait_timer != timer) return;
-    dispatcher.timed_wait_timer = nullptr;
-    dispatcher.timing_thread = nullptr;
+    stop_timing_locked(dispatcher, timer);
 }
 
 void make_idle_locked(Dispatcher& dispatcher, qel_dm_timer timer) QEL_REQUIRES(dispatcher.mutex) {
@@ -61,9 +66,17 @@ void make_idle_locked(Dispatcher& dispatcher, qel_dm_timer timer) QEL_REQUIRES(d
     dqueue_insert(timer->link, dispatcher.idle_timers);
 }
 
-// A timer that is now the first one needs a thread that waits for it.
-void make_running_locked(Dispatcher& dispatcher, qel_dm_timer timer) QEL_REQUIRES(dispatcher.mutex) {
-    dispatcher.running_timers.insert(timer);
+// Starts or restarts a timer. One that is now the first needs a thread that waits for it.
+void run_until_locked(Dispatcher& dispatcher, qel_dm_timer timer, const qel_ptimer& expiry)
+    QEL_REQUIRES(dispatcher.mutex) {
+    stop_timing_locked(dispatcher, timer);
+    timer->expiry = expiry;
+    if (is_running(*timer)) {
+        dispatcher.running_timers.move(timer);
+    } else {
+        dqueue_remove(timer->link);
+        dispatcher.running_timers.insert(timer);
+    }
     if (dispatcher.running_timers.first() == timer) wake_locked(dispatcher);
 }
 
@@ -168,19 +181,20 @@ QEL_API int qel_dm_timer_register(qel_dm_handle handle, qel_dm_timer* timer, qel
 
 QEL_API int qel_dm_timer_settime(qel_dm_handle handle, qel_dm_timer timer, const timespec* delay) {
     qel_check_not_interrupt_path();
+    // The clock is read before the mutex is taken, so that nobody waits for the reading.
+    const qel_ptimer expiry = delay != nullptr ? expiry_after(*delay) : qel_ptimer{};
     dm::Retained dispatcher = retain_or_default(handle);
     if (!dispatcher) return bad_argument<"QDM506">("qdm");
     Dispatcher& instance = *dispatcher;
     dm::Locked lock{instance.mutex};
     if (instance.destroy_pending()) return failed<"QDM507", "%s destroy pending %s">(EINVAL, instance.name);
     if (is_foreign(instance, timer)) return bad_argument<"QDM508">("timer");
-    take_off_locked(instance, timer);
-    if (delay == nullptr) {
-        make_idle_locked(instance, timer);
+    if (delay != nullptr) {
+        run_until_locked(instance, timer, expiry);
         return 0;
     }
-    qel_ptimer_start(&timer->expiry, delay);
-    make_running_locked(instance, timer);
+    take_off_locked(instance, timer);
+    make_idle_locked(instance, timer);
     return 0;
 }
 

@@ -45,10 +45,12 @@ void TimerHeap::remove(qel_dm_timer timer) {
     std::uint32_t hole = timer->place;
     timer->place = kIdle;
     const Entry last = entries_[--count_];
-    if (hole == count_) return;
     // The last entry may belong above the hole, when that lies under another parent.
-    if (hole != 0 && before(last, entries_[(hole - 1) / kChildren])) return sift_up(hole, last);
-    sift_down(hole, last);
+    if (hole != count_) sift(hole, last);
+}
+
+void TimerHeap::move(qel_dm_timer timer) {
+    sift(timer->place, {to_nanoseconds(timer->expiry), starts_++, timer});
 }
 
 void TimerHeap::free() {
@@ -59,6 +61,11 @@ void TimerHeap::free() {
 void TimerHeap::put(std::uint32_t place, const Entry& entry) {
     entries_[place] = entry;
     entry.timer->place = place;
+}
+
+void TimerHeap::sift(std::uint32_t hole, const Entry& entry) {
+    if (hole != 0 && before(entry, entries_[(hole - 1) / kChildren])) return sift_up(hole, entry);
+    sift_down(hole, entry);
 }
 
 void TimerHeap::sift_up(std::uint32_t hole, const Entry& entry) {

@@ -39,6 +39,8 @@ class TimerHeap {
     bool reserve(std::uint32_t count);
     void insert(qel_dm_timer timer);
     void remove(qel_dm_timer timer);
+    // Puts a running timer where its changed expiry belongs, as if it had been removed and inserted.
+    void move(qel_dm_timer timer);
     void free();
 
   private:
@@ -53,6 +55,7 @@ class TimerHeap {
         return left.sequence < right.sequence;
     }
     void put(std::uint32_t place, const Entry& entry);
+    void sift(std::uint32_t hole, const Entry& entry);
     void sift_up(std::uint32_t hole, const Entry& entry);
     void sift_down(std::uint32_t hole, const Entry& entry);
     std::uint32_t earliest_child(std::uint32_t parent) const;
