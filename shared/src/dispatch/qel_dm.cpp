@@ -128,6 +128,7 @@ int make_instance(OwnedInstance& out, const char* name, std::uint32_t flags) QEL
     for (qel_dqueue* queue : {&instance.jobs, &instance.spare_jobs, &instance.batch, &instance.done_jobs,
                               &instance.messages, &instance.idle_timers, &instance.expired_timers})
         dqueue_init(*queue, nullptr);
+    instance.batch_end = &instance.batch;
     instance.pool = qel_mem_chunk_create(kPoolElementSize, kElementsPerBlock, kPoolFlags, 0, 0, "QDM chunks");
     if (instance.pool == nullptr) return no_memory<"QDM14">();
     out.reset(record.release());

@@ -74,11 +74,13 @@ struct qel_dm_instance {
     qel_dqueue jobs QEL_GUARDED_BY(mutex);
     qel_dqueue spare_jobs QEL_GUARDED_BY(mutex);
     std::uint32_t spare_count QEL_GUARDED_BY(mutex);
+    std::uint32_t job_count QEL_GUARDED_BY(mutex);
     std::uint64_t jobs_queued QEL_GUARDED_BY(mutex);
     qel::Mutex batch_mutex;
     qel_dqueue batch QEL_GUARDED_BY(batch_mutex);
+    qel_dqueue* batch_end QEL_GUARDED_BY(batch_mutex);  // the job taken last; the anchor before the first
     qel_dqueue done_jobs QEL_GUARDED_BY(batch_mutex);
-    std::uint32_t done_count QEL_GUARDED_BY(batch_mutex);
+    std::uint32_t done_count QEL_GUARDED_BY(batch_mutex);  // in 'done_jobs' and 'batch'
     bool batch_holds_jobs;                                 // written under 'batch_mutex'
     std::uint32_t jobs_since_poll;  // jobs taken since the kernel was last asked; approximate
 

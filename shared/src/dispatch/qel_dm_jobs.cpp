@@ -1,9 +1,10 @@
 // Local jobs, and the wake-up of threads that wait.
 //
 // Posters and runners meet in 'mutex' once a batch only. A poster puts its job into 'jobs'; a runner takes
-// jobs from 'batch', one at a time, and when that is empty moves over all of 'jobs'. The batch is open to
-// every serving thread, so a job that blocks holds up no other. Jobs that ran come back to the posters as
-// spares.
+// jobs from 'batch', one at a time, and when that is spent moves over all of 'jobs'. The batch is open to
+// every serving thread, so a job that blocks holds up no other. Taking a job only reads its element: the
+// batch's end moves on to the next, which is fetched ahead, since a poster on another core wrote it. The
+// elements of a spent batch come back to the posters as spares, all at once.
 //
 // A thread looks for jobs when it enters the wait step, so a wake-up is needed only for threads that are in
 // it already: when a job comes to an empty queue, and before a runner starts a job while more are left. They
@@ -60,6 +61,7 @@ Job* enqueue_locked(Dispatcher& dispatcher, qel_dm_job handler, std::uint64_t da
     job->data = data;
     job->modifier = modifier;
     job->ticket = dispatcher.jobs_queued++;
+    ++dispatcher.job_count;
     dqueue_insert(job->link, dispatcher.jobs);
     return job;
 }
@@ -74,6 +76,7 @@ bool withdraw_locked(Dispatcher& dispatcher, std::uint64_t ticket) QEL_REQUIRES(
     for (qel_dqueue* link = dispatcher.jobs.next; link != &dispatcher.jobs; link = link->next) {
         if (reinterpret_cast<Job*>(link)->ticket != ticket) continue;
         dqueue_remove(*link);
+        --dispatcher.job_count;
         give_back(dispatcher, link);
         return true;
     }
@@ -117,9 +120,8 @@ int post(Dispatcher& dispatcher, qel_dm_job handler, std::uint64_t data, std::ui
     return give_up_locked(dispatcher, posted.ticket, posted.wake, error);
 }
 
-void set_batch_holds_jobs(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex) {
-    std::atomic_ref{dispatcher.batch_holds_jobs}.store(!dqueue_is_initial(dispatcher.batch),
-                                                       std::memory_order_relaxed);
+void set_batch_holds_jobs(Dispatcher& dispatcher, bool holds) QEL_REQUIRES(dispatcher.batch_mutex) {
+    std::atomic_ref{dispatcher.batch_holds_jobs}.store(holds, std::memory_order_relaxed);
 }
 
 // Moves all elements of 'from' behind the anchor 'to', in their order.
@@ -132,18 +134,29 @@ void move_all(qel_dqueue& from, qel_dqueue& to) {
     dqueue_init(from, nullptr);
 }
 
-// Keeps the element of a job that was taken, for a poster, or gives it back when there are enough.
-void retire(Dispatcher& dispatcher, Job* job) QEL_REQUIRES(dispatcher.batch_mutex) {
-    dqueue_remove(job->link);
-    if (dispatcher.done_count == kMaxSpares) return give_back(dispatcher, job);
-    dqueue_insert(job->link, dispatcher.done_jobs);
-    ++dispatcher.done_count;
+// The oldest job of the batch that was not taken yet, or null.
+Job* next_in_batch(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex) {
+    qel_dqueue* link = dispatcher.batch_end->prev;
+    return link == &dispatcher.batch ? nullptr : reinterpret_cast<Job*>(link);
 }
 
+// The elements of the spent batch go to the posters, unless those have enough.
 void hand_spares_over_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex, dispatcher.mutex) {
+    move_all(dispatcher.batch, dispatcher.done_jobs);
+    dispatcher.batch_end = &dispatcher.batch;
     if (dispatcher.spare_count + dispatcher.done_count > kMaxSpares) return;
     move_all(dispatcher.done_jobs, dispatcher.spare_jobs);
     dispatcher.spare_count += std::exchange(dispatcher.done_count, 0);
+}
+
+// Gives the element of the job taken last to the pool when there are more than the posters will get.
+void drop_surplus(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex) {
+    qel_dqueue* spent = dispatcher.batch_end;
+    if (dispatcher.done_count <= kMaxSpares || spent == &dispatcher.batch) return;
+    dispatcher.batch_end = spent->next;
+    dqueue_remove(*spent);
+    --dispatcher.done_count;
+    give_back(dispatcher, spent);
 }
 
 void trim_spares_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) {
@@ -151,26 +164,31 @@ void trim_spares_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) {
         give_back(dispatcher, take_spare_locked(dispatcher));
 }
 
-// Fills the empty batch with all that is queued. False when there is nothing to run.
+// Fills the spent batch with all that is queued. False when there is nothing to run.
 bool refill(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex) {
     Locked lock{dispatcher.mutex};
     hand_spares_over_locked(dispatcher);
     if (dispatcher.destroy_pending()) return false;
     if (dqueue_is_initial(dispatcher.jobs)) trim_spares_locked(dispatcher);
     move_all(dispatcher.jobs, dispatcher.batch);
-    set_batch_holds_jobs(dispatcher);
-    return !dqueue_is_initial(dispatcher.batch);
+    dispatcher.done_count += std::exchange(dispatcher.job_count, 0);  // As the batch will have, once spent.
+    const bool filled = next_in_batch(dispatcher) != nullptr;
+    set_batch_holds_jobs(dispatcher, filled);
+    return filled;
 }
 
 // Takes the oldest job. 'more' says whether the batch holds others.
 bool take_oldest(Dispatcher& dispatcher, Job& out, bool& more) {
     Locked lock{dispatcher.batch_mutex};
-    if (dqueue_is_initial(dispatcher.batch) && !refill(dispatcher)) return false;
-    Job* job = oldest<Job>(dispatcher.batch);
+    if (next_in_batch(dispatcher) == nullptr && !refill(dispatcher)) return false;
+    drop_surplus(dispatcher);
+    Job* job = next_in_batch(dispatcher);
+    dispatcher.batch_end = &job->link;
     out = *job;
-    retire(dispatcher, job);
-    more = !dqueue_is_initial(dispatcher.batch);
-    if (!more) set_batch_holds_jobs(dispatcher);
+    Job* next = next_in_batch(dispatcher);
+    __builtin_prefetch(next);
+    more = next != nullptr;
+    if (!more) set_batch_holds_jobs(dispatcher, false);
     return true;
 }
 
