@@ -17,14 +17,17 @@ endif()
 # These write the machine's start-up parameter file.
 qel_test_properties(core.ppm_test RESOURCE_LOCK ppm_file)
 
-# The reservation of trace blocks, searched through all interleavings where spin is installed. The search is of the
-# model, so one build's run is enough.
+# Protocols searched through all interleavings where spin is installed. The search is of the model, so one build's run
+# is enough.
 find_program(QEL_SPIN spin)
+function(qel_model_test subsystem name)
+    set(model ${CMAKE_CURRENT_SOURCE_DIR}/${subsystem}/model)
+    add_test(NAME ${subsystem}.${name}_model COMMAND ${model}/check.sh ${model}/${name}.pml)
+    set_tests_properties(${subsystem}.${name}_model PROPERTIES TIMEOUT 240)
+endfunction()
 if(QEL_SPIN AND NOT QEL_SANITIZE)
-    add_test(NAME trace.reserve_model
-             COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/trace/model/check.sh
-                     ${CMAKE_CURRENT_SOURCE_DIR}/trace/model/reserve.pml)
-    qel_test_properties(trace.reserve_model TIMEOUT 240)
+    qel_model_test(trace reserve)
+    qel_model_test(dispatch wake)
 endif()
 
 # The examples on this machine's own links. The churn needs the right to a network namespace.

@@ -107,19 +107,34 @@ TEST(Descriptors, number_reused_after_a_silent_close_works) {
     TestDispatcher dispatcher;
     Pipe fresh;
     Seen seen;
+    auto add = [&](std::uint32_t fd) {
+        return qel_dm_fd_register(dispatcher.handle, fd, QEL_DM_READABLE, see, &seen);
+    };
+    auto remove = [&](std::uint32_t fd) {
+        return qel_dm_fd_register(dispatcher.handle, fd, 0, nullptr, nullptr);
+    };
+    auto reuse = [](int file, std::uint32_t fd) {
+        ASSERT_EQ(dup3(file, static_cast<int>(fd), O_CLOEXEC), static_cast<int>(fd));
+    };
     std::uint32_t number = 0;
     {
         Pipe closed;
         number = closed.reader();
-        ASSERT_EQ(qel_dm_fd_register(dispatcher.handle, number, QEL_DM_READABLE, see, &seen), 0);
+        ASSERT_EQ(add(number), 0);
     }
-    ASSERT_EQ(dup3(fresh.ends[0], static_cast<int>(number), O_CLOEXEC), static_cast<int>(number));
-    ASSERT_EQ(qel_dm_fd_register(dispatcher.handle, number, QEL_DM_READABLE, see, &seen), 0);
+    reuse(fresh.ends[0], number);
+    ASSERT_EQ(add(number), 0);
     fresh.feed();
     dispatcher.serve_once();
     EXPECT_EQ(seen.count, 1);
+    // Closed before its removal, then the same file again: the kernel has not forgotten it.
     close(static_cast<int>(number));
-    EXPECT_EQ(qel_dm_fd_register(dispatcher.handle, number, 0, nullptr, nullptr), 0);
+    EXPECT_EQ(remove(number), 0);
+    reuse(fresh.ends[0], number);
+    ASSERT_EQ(add(number), 0);
+    dispatcher.serve_once();
+    EXPECT_EQ(seen.count, 2);
+    close(static_cast<int>(number));
 }
 
 namespace {
@@ -334,10 +349,19 @@ TEST(Messages, explicit_dispatch_gives_the_type_and_deregistration_cleans_up) {
     EXPECT_EQ(event, 1u);
     EXPECT_EQ(type, 9u);
     ASSERT_EQ(qel_dm_message_receive(handle, nullptr, nullptr, nullptr), 0);
-    ASSERT_EQ(qel_dm_message_deregister(handle, [](qel_dm_handle, std::uint32_t, std::uint32_t,
-                                                   void* message) { ++*static_cast<int*>(message); }),
-              0);
+    // The queue is opened again, and used, while the old messages are cleaned up: the new one is announced,
+    // and spared.
+    auto clean_up = [](qel_dm_handle dm, std::uint32_t, std::uint32_t, void* message) {
+        ++*static_cast<int*>(message);
+        if (qel_dm_message_xd_register(dm) == 0) {
+            EXPECT_EQ(qel_dm_message_send(dm, 5, 0, message), 0);
+        }
+    };
+    ASSERT_EQ(qel_dm_message_deregister(handle, clean_up), 0);
     EXPECT_EQ(cleaned, 2);
+    EXPECT_EQ(qel_dm_xdispatch(handle, nullptr, &type), 0);
+    EXPECT_EQ(type, 5u);
+    ASSERT_EQ(qel_dm_message_deregister(handle, nullptr), 0);
     EXPECT_EQ(qel_dm_message_receive(handle, nullptr, nullptr, nullptr), EAGAIN);
     EXPECT_EQ(qel_dm_message_send(handle, 1, 1, nullptr), EINVAL);
 }

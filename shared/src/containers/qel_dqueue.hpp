@@ -28,4 +28,14 @@ inline void dqueue_remove(qel_dqueue& element) {
     element.next = element.prev = &element;
 }
 
+// Moves all elements of the ring 'from' behind the anchor 'to', in their order.
+inline void dqueue_move_all(qel_dqueue& from, qel_dqueue& to) {
+    if (dqueue_is_initial(from)) return;
+    from.prev->next = to.next;
+    to.next->prev = from.prev;
+    to.next = from.next;
+    to.next->prev = &to;
+    dqueue_init(from, nullptr);
+}
+
 }  // namespace qel

@@ -226,6 +226,9 @@ int execute_locked(Dispatcher& dispatcher, qel_dm_job job, std::uint64_t data, s
 void run_jobs(Dispatcher& dispatcher, Context& context);
 // True while a thread that enters the wait step finds jobs to run.
 bool has_jobs_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex);
+// True while a thread that takes the last job of the batch leaves others behind it, which were queued with a
+// wake-up in flight and so have none of their own: who leaves the wait step wakes the next thread for them.
+bool both_queues_hold_jobs_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex);
 bool job_limit_reached(Dispatcher& dispatcher);
 void free_jobs(Dispatcher& dispatcher) QEL_NO_THREAD_SAFETY_ANALYSIS;
 

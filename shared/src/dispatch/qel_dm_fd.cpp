@@ -77,26 +77,36 @@ void drop_locked(Dispatcher& dispatcher, Descriptor* record) QEL_REQUIRES(dispat
     give_back(dispatcher, record);
 }
 
-// A new generation of the record, at the kernel too.
-int add_locked(Dispatcher& dispatcher, Descriptor& record) QEL_REQUIRES(dispatcher.mutex) {
-    record.key = std::uint32_t{++dispatcher.fd_generation} << 16 | record.fd;
-    return platform::control(dispatcher.epoll_fd, platform::Operation::add, static_cast<int>(record.fd),
+int control_locked(Dispatcher& dispatcher, platform::Operation operation, const Descriptor& record)
+    QEL_REQUIRES(dispatcher.mutex) {
+    return platform::control(dispatcher.epoll_fd, operation, static_cast<int>(record.fd),
                              {record.events, record.key, platform::kUserDescriptor});
 }
 
-int modify_locked(Dispatcher& dispatcher, Descriptor& record) QEL_REQUIRES(dispatcher.mutex) {
-    return platform::control(dispatcher.epoll_fd, platform::Operation::modify, static_cast<int>(record.fd),
-                             {record.events, record.key, platform::kUserDescriptor});
+int modify_locked(Dispatcher& dispatcher, const Descriptor& record) QEL_REQUIRES(dispatcher.mutex) {
+    return control_locked(dispatcher, platform::Operation::modify, record);
 }
 
-int update_locked(Dispatcher& dispatcher, Descriptor& record, const Registration& wanted)
+// A new generation of the record, at the kernel too. A record that the kernel refuses is dropped.
+int add_locked(Dispatcher& dispatcher, Descriptor* record) QEL_REQUIRES(dispatcher.mutex) {
+    record->key = std::uint32_t{++dispatcher.fd_generation} << 16 | record->fd;
+    int error = control_locked(dispatcher, platform::Operation::add, *record);
+    // The number was closed, removed and given to the same file again, which another number kept open: the
+    // kernel has never forgotten it.
+    if (error == EEXIST) error = modify_locked(dispatcher, *record);
+    if (error == 0) return 0;
+    drop_locked(dispatcher, record);
+    return failed<"QDM408", "%s epoll_ctl rc=%d">(error, error);
+}
+
+int update_locked(Dispatcher& dispatcher, Descriptor* record, const Registration& wanted)
     QEL_REQUIRES(dispatcher.mutex) {
     event<"QDM405", "already registered, updating fd context">(event_buffer, QEL_DT_LEVEL_INFO);
-    record.events = platform::to_flags(wanted.conditions);
-    record.handlers = wanted.handlers;
-    int error = modify_locked(dispatcher, record);
+    record->events = platform::to_flags(wanted.conditions);
+    record->handlers = wanted.handlers;
+    int error = modify_locked(dispatcher, *record);
     // The descriptor was closed, and the kernel has forgotten it: its number now stands for another file.
-    if (error == ENOENT) error = add_locked(dispatcher, record);
+    if (error == ENOENT) return add_locked(dispatcher, record);
     return error == 0 ? 0 : failed<"QDM406", "%s epoll_ctl rc=%d">(error, error);
 }
 
@@ -109,10 +119,7 @@ int insert_locked(Dispatcher& dispatcher, const Registration& wanted) QEL_REQUIR
     record->handlers = wanted.handlers;
     qel_hashset_insert(dispatcher.fds, record);
     dispatcher.fds_by_number[record->fd] = record;
-    int error = add_locked(dispatcher, *record);
-    if (error == 0) return 0;
-    drop_locked(dispatcher, record);
-    return failed<"QDM408", "%s epoll_ctl rc=%d">(error, error);
+    return add_locked(dispatcher, record);
 }
 
 int remove_locked(Dispatcher& dispatcher, std::uint32_t fd) QEL_REQUIRES(dispatcher.mutex) {
@@ -139,7 +146,7 @@ int register_locked(Dispatcher& dispatcher, const Registration& wanted) QEL_REQU
     if (is_removal(wanted)) return remove_locked(dispatcher, wanted.fd);
     if (is_own_descriptor(dispatcher, wanted.fd)) return bad_argument<"QDM409">("fd");
     Descriptor* record = find_locked(dispatcher, wanted.fd);
-    return record != nullptr ? update_locked(dispatcher, *record, wanted) : insert_locked(dispatcher, wanted);
+    return record != nullptr ? update_locked(dispatcher, record, wanted) : insert_locked(dispatcher, wanted);
 }
 
 int register_descriptor(qel_dm_handle handle, const Registration& wanted) {

@@ -16,9 +16,10 @@
 //   quiet --------------------> wake in flight ---------------------------------------------> quiet
 //
 // Invariant, whenever 'mutex' is free: if there are jobs in either queue and threads in the wait step, then a
-// wake-up is in flight or a thread runs jobs and looks again when its job ends, however it ends.
-// Locks: 'batch_mutex', then 'mutex'. A wake-up is delivered without them where that is possible, so that the
-// woken thread does not run into them. Threads: any. Restart: nothing stays.
+// wake-up is in flight, or a thread has the jobs in hand: it takes them next, or wakes another thread before
+// a job of its own can block. tests/dispatch/model/ searches all interleavings for this. Locks:
+// 'batch_mutex', then 'mutex'. A wake-up is delivered without them where that is possible, so that the woken
+// thread does not run into them. Threads: any. Restart: nothing stays.
 #include "dispatch/qel_dm.hpp"
 
 #include <qel/base.h>
@@ -124,16 +125,6 @@ void set_batch_holds_jobs(Dispatcher& dispatcher, bool holds) QEL_REQUIRES(dispa
     std::atomic_ref{dispatcher.batch_holds_jobs}.store(holds, std::memory_order_relaxed);
 }
 
-// Moves all elements of 'from' behind the anchor 'to', in their order.
-void move_all(qel_dqueue& from, qel_dqueue& to) {
-    if (dqueue_is_initial(from)) return;
-    from.prev->next = to.next;
-    to.next->prev = from.prev;
-    to.next = from.next;
-    to.next->prev = &to;
-    dqueue_init(from, nullptr);
-}
-
 // The oldest job of the batch that was not taken yet, or null.
 Job* next_in_batch(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex) {
     qel_dqueue* link = dispatcher.batch_end->prev;
@@ -142,10 +133,10 @@ Job* next_in_batch(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex) 
 
 // The elements of the spent batch go to the posters, unless those have enough.
 void hand_spares_over_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex, dispatcher.mutex) {
-    move_all(dispatcher.batch, dispatcher.done_jobs);
+    dqueue_move_all(dispatcher.batch, dispatcher.done_jobs);
     dispatcher.batch_end = &dispatcher.batch;
     if (dispatcher.spare_count + dispatcher.done_count > kMaxSpares) return;
-    move_all(dispatcher.done_jobs, dispatcher.spare_jobs);
+    dqueue_move_all(dispatcher.done_jobs, dispatcher.spare_jobs);
     dispatcher.spare_count += std::exchange(dispatcher.done_count, 0);
 }
 
@@ -170,7 +161,7 @@ bool refill(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.batch_mutex) {
     hand_spares_over_locked(dispatcher);
     if (dispatcher.destroy_pending()) return false;
     if (dqueue_is_initial(dispatcher.jobs)) trim_spares_locked(dispatcher);
-    move_all(dispatcher.jobs, dispatcher.batch);
+    dqueue_move_all(dispatcher.jobs, dispatcher.batch);
     dispatcher.done_count += std::exchange(dispatcher.job_count, 0);  // As the batch will have, once spent.
     const bool filled = next_in_batch(dispatcher) != nullptr;
     set_batch_holds_jobs(dispatcher, filled);
@@ -257,6 +248,11 @@ int execute_locked(Dispatcher& dispatcher, qel_dm_job job, std::uint64_t data, s
 
 bool has_jobs_locked(Dispatcher& dispatcher) {
     return !dqueue_is_initial(dispatcher.jobs) ||
+           std::atomic_ref{dispatcher.batch_holds_jobs}.load(std::memory_order_relaxed);
+}
+
+bool both_queues_hold_jobs_locked(Dispatcher& dispatcher) {
+    return !dqueue_is_initial(dispatcher.jobs) &&
            std::atomic_ref{dispatcher.batch_holds_jobs}.load(std::memory_order_relaxed);
 }
 

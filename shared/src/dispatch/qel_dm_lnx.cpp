@@ -18,6 +18,8 @@
 #include <array>
 #include <cerrno>
 
+#include "core/qel_owned.hpp"
+
 namespace qel::dm::platform {
 namespace {
 
@@ -126,12 +128,14 @@ int write_wake_byte(int write_fd) {
 }
 
 int wait(int epoll_fd, Event& event, int timeout_ms) {
-    epoll_event native;
+    epoll_event native{};
+    // Told also when a cancellation ends the thread inside the call, which may have picked an event by then.
+    Undo tell{[&] {
+        event = {native.events, static_cast<std::uint32_t>(native.data.u64),
+                 static_cast<std::uint32_t>(native.data.u64 >> 32)};
+    }};
     int count = epoll_wait(epoll_fd, &native, 1, timeout_ms);
-    if (count <= 0) return count == 0 ? 0 : -errno;
-    event = {native.events, static_cast<std::uint32_t>(native.data.u64),
-             static_cast<std::uint32_t>(native.data.u64 >> 32)};
-    return 1;
+    return count < 0 ? -errno : count;
 }
 
 }  // namespace qel::dm::platform

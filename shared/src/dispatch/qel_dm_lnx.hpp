@@ -37,7 +37,7 @@ int arm_pipe(int epoll_fd, int read_fd, Operation operation);
 int write_wake_byte(int write_fd);
 
 // Waits for one event: 1 with 'event' filled in, 0 when time is up, or -errno. A cancelled thread unwinds
-// out of it.
+// out of it; 'event' then holds what it picked, or has no flags.
 int wait(int epoll_fd, Event& event, int timeout_ms);
 
 }  // namespace qel::dm::platform

@@ -67,6 +67,14 @@ void release_timing_locked(Dispatcher& dispatcher, const Context& context) QEL_R
     dispatcher.timed_wait_timer = nullptr;
 }
 
+// The thread ended inside the kernel's wait: an event that it picked there is anybody's again.
+void return_picked_locked(Dispatcher& dispatcher, const platform::Event& picked)
+    QEL_REQUIRES(dispatcher.mutex) {
+    if (picked.source == platform::kUserDescriptor && picked.flags != 0)
+        rearm_descriptor_locked(dispatcher, picked);
+    if (picked.source == platform::kPipe) dispatcher.wake_in_flight = false;
+}
+
 // Counts the thread into 'waiters' for the length of a wait step. Ends under the mutex.
 class WaitScope {
   public:
@@ -77,11 +85,11 @@ class WaitScope {
     ~WaitScope() noexcept(false) QEL_NO_THREAD_SAFETY_ANALYSIS {
         add_waiters_locked(dispatcher_, -1);
         release_timing_locked(dispatcher_, context_);
-        // A thread that ends inside the kernel's wait may have taken an event along.
-        if (!returned_) dispatcher_.wake_in_flight = false;
+        if (!returned_) return_picked_locked(dispatcher_, context_.epoll_event);
         if (dispatcher_.destroy_pending()) {
             pass_wake_on_locked(dispatcher_);
-        } else if (!returned_ || first_timer_untimed_locked(dispatcher_)) {
+        } else if (!returned_ || first_timer_untimed_locked(dispatcher_) ||
+                   both_queues_hold_jobs_locked(dispatcher_)) {
             wake_locked(dispatcher_);
         }
     }
@@ -215,6 +223,7 @@ Context* own_context() {
 int wait_step_locked(Dispatcher& dispatcher, Context& context, bool blocking) {
     for (;;) {
         context.event = kNothing;
+        context.epoll_event = {};
         Round round = wait_round_locked(dispatcher, context, blocking);
         if (round.done || dispatcher.destroy_pending()) return round.result;
     }

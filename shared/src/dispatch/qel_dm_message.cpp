@@ -49,9 +49,10 @@ void run_message(qel_dm_handle handle, std::uint64_t instance, std::uint64_t) {
         qel_dm_xd_set(kMessageEvent, delivery.type);
 }
 
-// Takes the oldest message off the queue, or gives false.
-bool take_oldest_locked(Dispatcher& dispatcher, Message& out) QEL_REQUIRES(dispatcher.mutex) {
-    Message* message = oldest<Message>(dispatcher.messages);
+// Takes the oldest message off 'queue', or gives false.
+bool take_oldest_locked(Dispatcher& dispatcher, qel_dqueue& queue, Message& out)
+    QEL_REQUIRES(dispatcher.mutex) {
+    Message* message = oldest<Message>(queue);
     if (message == nullptr) return false;
     out = *message;
     dqueue_remove(message->link);
@@ -87,25 +88,31 @@ int register_handler(qel_dm_handle handle, qel_dm_message_handler handler, void*
     return 0;
 }
 
-// Keeps destruction waiting while messages are cleaned up.
-class CleanupScope {
+// The messages that a closed queue leaves. They are taken out at once: while the clean-up handler runs, the
+// queue may be opened again, and its new messages are not ours. Keeps destruction waiting.
+class Leftovers {
   public:
-    explicit CleanupScope(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) : dispatcher_(dispatcher) {
+    explicit Leftovers(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) : dispatcher_(dispatcher) {
+        dqueue_init(messages_, nullptr);
+        dqueue_move_all(dispatcher.messages, messages_);
         add_waiters_locked(dispatcher, 1);
     }
-    ~CleanupScope() QEL_NO_THREAD_SAFETY_ANALYSIS {
+    ~Leftovers() QEL_NO_THREAD_SAFETY_ANALYSIS {
+        give_back_all(dispatcher_, messages_);  // There are some only if the handler ended its thread.
         add_waiters_locked(dispatcher_, -1);
         if (dispatcher_.destroy_pending()) pthread_cond_broadcast(&dispatcher_.cond);
     }
+    qel_dqueue& messages() { return messages_; }
 
   private:
     Dispatcher& dispatcher_;
+    qel_dqueue messages_;
 };
 
 void clean_up_locked(Dispatcher& dispatcher, qel_dm_message_cleanup cleanup) QEL_REQUIRES(dispatcher.mutex) {
-    CleanupScope scope{dispatcher};
+    Leftovers leftovers{dispatcher};
     Message taken{};
-    while (take_oldest_locked(dispatcher, taken)) {
+    while (take_oldest_locked(dispatcher, leftovers.messages(), taken)) {
         if (cleanup == nullptr) continue;
         while_unlocked(dispatcher, [&] { cleanup(dispatcher.handle, taken.type, taken.arg, taken.message); });
     }
@@ -164,7 +171,7 @@ QEL_API int qel_dm_message_receive(qel_dm_handle handle, std::uint32_t* type, st
     dm::Locked lock{instance.mutex};
     if (instance.destroy_pending()) return EINVAL;
     Message taken{};
-    if (!take_oldest_locked(instance, taken)) return EAGAIN;
+    if (!take_oldest_locked(instance, instance.messages, taken)) return EAGAIN;
     if (type != nullptr) *type = taken.type;
     if (arg != nullptr) *arg = taken.arg;
     if (message != nullptr) *message = taken.message;
