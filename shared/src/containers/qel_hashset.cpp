@@ -97,7 +97,7 @@ void qel_hashset_free(qel_hashset** set) {
 void qel_hashset_insert(qel_hashset* set, void* element) {
     if (set == nullptr || element == nullptr) return;
     qel::HashSet& table = *qel::inner(set);
-    qel::push_link(qel::bucket_of(table, element), qel::link_of(table, element));
+    qel::push_link(table, qel::bucket_of(table, element), qel::link_of(table, element));
     ++table.count;
     qel::check_size(table);
 }
@@ -109,11 +109,10 @@ void qel_hashset_remove(qel_hashset* set, void* element) {
     // Refuses what left the set, where that still shows. The load also brings the word in early: stores that
     // miss the cache wait for each other.
     if (link->pprev == nullptr || *link->pprev != link) return;
-    qel::fetch(link->next);
     for (qel::HashWalk* walk = table.walks; walk != nullptr; walk = walk->outer)
         if (walk->next == link) walk->next = link->next;
     *link->pprev = link->next;
-    if (link->next != nullptr) link->next->pprev = link->pprev;
+    qel::back_pointer(table, link->next) = link->pprev;
     --table.count;
     qel::check_size(table);
 }

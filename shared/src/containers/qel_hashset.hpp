@@ -20,6 +20,7 @@ struct HashSet : qel_hashset {
     std::uint64_t reciprocal;   // of 'size', see remainder()
     std::uint32_t prime_index;  // 'size' is that entry of the table of primes
     HashWalk* walks;            // the innermost running iteration
+    qel_hash_link** nowhere;    // see back_pointer(); never read
 };
 static_assert(std::is_trivially_copyable_v<HashSet>);
 static_assert(offsetof(qel_hashset, size) == 12 && offsetof(qel_hashset, high_water) == 28 &&
@@ -58,12 +59,20 @@ inline void fetch(const qel_hash_link* link) {
     if (link != nullptr) __builtin_prefetch(link);
 }
 
-// The old head is asked for, as stores that miss the cache would wait for each other.
-inline void push_link(qel_hash_link** bucket, qel_hash_link* link) {
+// The back pointer of 'next', on its way into the cache, as stores that miss it wait for each other; or,
+// where a chain ends, a word that nobody reads. Whether a chain goes on is as good as random: a branch would
+// be guessed wrong every other time, which shows only when 'next' has arrived from memory. A choice of
+// address keeps the calls behind this one under way.
+inline qel_hash_link**& back_pointer(HashSet& set, qel_hash_link* next) {
+    qel_hash_link**& chosen = *(next != nullptr ? &next->pprev : &set.nowhere);
+    __builtin_prefetch(&chosen, 1);
+    return chosen;
+}
+
+inline void push_link(HashSet& set, qel_hash_link** bucket, qel_hash_link* link) {
     link->pprev = bucket;
     link->next = *bucket;
-    fetch(link->next);
-    if (link->next != nullptr) link->next->pprev = &link->next;
+    back_pointer(set, link->next) = &link->next;
     *bucket = link;
 }
 

@@ -53,7 +53,7 @@ Owned<qel_hash_link*> make_buckets(std::uint32_t prime_index) {
 // Elements on their way into a set's new array.
 class Transfer {
   public:
-    explicit Transfer(const HashSet& set) : set_(set) {}
+    explicit Transfer(HashSet& set) : set_(set) {}
 
     // Takes over all elements of an array of 'size' buckets.
     void take_all(qel_hash_link** old_buckets, std::uint32_t size) {
@@ -93,11 +93,11 @@ class Transfer {
 
     void link_batch() {
         for (std::uint32_t i = 0; i < batched_; ++i) fetch(*batch_[i].bucket);
-        for (std::uint32_t i = 0; i < batched_; ++i) push_link(batch_[i].bucket, batch_[i].link);
+        for (std::uint32_t i = 0; i < batched_; ++i) push_link(set_, batch_[i].bucket, batch_[i].link);
         batched_ = 0;
     }
 
-    const HashSet& set_;
+    HashSet& set_;
     std::array<Move, kBatch> batch_;
     std::uint32_t batched_ = 0;
 };
