@@ -15,7 +15,8 @@
  *     while (qel_dm_wait(dm) == 0) qel_dm_dispatch(dm);
  *
  * Threads: every call may be made from any thread and from inside any handler, unless it says otherwise. A
- * thread waits and dispatches on one dispatcher at a time. A handler may end its thread.
+ * thread waits and dispatches on one dispatcher at a time. A handler may end its thread. A child of fork()
+ * shares the kernel's side of its parent's dispatchers and must neither use nor destroy them.
  *
  * Results are plain errno numbers. EINVAL stands for a null argument, for a handle that is stale or foreign,
  * and for a dispatcher whose destruction has begun; the single calls repeat it only where they add to that.
@@ -57,7 +58,8 @@ QEL_API int qel_dm_create_from_native_dm(qel_dm_handle* out, const char* name, u
  *
  * From now on its calls give EINVAL. Threads in qel_dm_wait() come out of it, and this call returns when the
  * last one has; handlers that run finish on their own and may even be the caller. Jobs and messages that are
- * still queued are dropped, the application's descriptors stay open.
+ * still queued are dropped, the application's descriptors stay open. It waits for a running
+ * qel_dm_message_deregister() too, so a clean-up handler must not call it for its own dispatcher.
  *
  * Returns 0, or EINVAL, also when another thread is destroying it already.
  */

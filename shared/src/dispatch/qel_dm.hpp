@@ -216,8 +216,12 @@ enum class Wake : std::uint8_t { none, write, arm };
 [[nodiscard]] Wake claim_wake_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex);
 // Carries out a claimed wake-up: 0 or an errno. Needs no lock, since a claim has one owner.
 int deliver_wake(Dispatcher& dispatcher, Wake wake);
-// Both at once, with no job: a waiting thread computes its time-out afresh. A failure is reported.
-void wake_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex);
+// Both at once, with no job: a waiting thread computes its time-out afresh. 0 or an errno, which is reported.
+int try_wake_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex);
+// The same for those who can do no more than what the report does.
+inline void wake_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex) {
+    static_cast<void>(try_wake_locked(dispatcher));
+}
 
 // Queues a job under the caller's lock: 0, EINVAL during destruction, ENOMEM, or the wake-up's errno.
 int execute_locked(Dispatcher& dispatcher, qel_dm_job job, std::uint64_t data, std::uint64_t modifier)

@@ -234,9 +234,11 @@ int deliver_wake(Dispatcher& dispatcher, Wake wake) {
     return error;
 }
 
-void wake_locked(Dispatcher& dispatcher) {
+int try_wake_locked(Dispatcher& dispatcher) {
     Wake wake = claim_wake_locked(dispatcher);
-    if (deliver_wake(dispatcher, wake) != 0) wake_failed_locked(dispatcher, wake);
+    int error = deliver_wake(dispatcher, wake);
+    if (error != 0) wake_failed_locked(dispatcher, wake);
+    return error;
 }
 
 int execute_locked(Dispatcher& dispatcher, qel_dm_job job, std::uint64_t data, std::uint64_t modifier) {

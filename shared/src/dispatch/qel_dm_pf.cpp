@@ -68,7 +68,7 @@ QEL_API int qel_dm_pf_event_available(const qel_dm_thread_context* tc) {
 
 QEL_API int qel_dm_pf_sched_handler(qel_dm_instance* instance, int needed) QEL_NO_THREAD_SAFETY_ANALYSIS {
     if (instance == nullptr) return EINVAL;
-    return needed != 0 ? deliver_wake(*instance, claim_wake_locked(*instance)) : 0;
+    return needed != 0 ? try_wake_locked(*instance) : 0;
 }
 
 QEL_API int qel_dm_pf_stop_threads(qel_dm_instance* instance) {
