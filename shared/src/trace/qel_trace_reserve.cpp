@@ -18,6 +18,9 @@
 // - the cursor is moved to the end of the reserved entry, wherever in the window that begins, and of all
 //   reserved entries that begin inside it: a slow writer's mark, about to be taken off, may cover the
 //   beginning of a live one.
+// A mark that will be taken off has done harm already: others passed over all its blocks, and may have
+// overwritten the end of an old entry that begins among them. So the others are freed also then, each by a
+// swap from the snapshot, which spares whatever has come there since; or a reader would find that entry torn.
 // The second look at the cursor keeps a slow writer from marking, and so wiping out, an entry that was
 // committed at the cursor's place a moment ago. tests/trace/model/reserve.pml searches all interleavings of
 // this very sequence.
@@ -118,8 +121,10 @@ Reserver::Pass Reserver::pass() {
         return Pass::again;
     }
     if (!window_is_free() || cursor_moved() || !mark_first()) return Pass::again;
-    if (!advance_to_index(cursor_.index + wanted_) || !free_others()) return roll_back();
-    return Pass::done;
+    bool moved = advance_to_index(cursor_.index + wanted_);
+    // The others are freed in any case, see the top.
+    bool freed = free_others();
+    return moved && freed ? Pass::done : roll_back();
 }
 
 bool Reserver::one_shot_ends_here() const {
@@ -184,14 +189,15 @@ bool Reserver::mark_first() {
     return false;
 }
 
+// True if every one was as in the snapshot.
 bool Reserver::free_others() {
+    bool all = true;
     for (std::uint32_t offset = 1; offset < wanted_; ++offset) {
         ControlEntry freed = changed(window_[offset], BlockState::free, 1);
-        if (!control(cursor_.index + offset)
-                 .compare_exchange_strong(window_[offset], freed, std::memory_order_acq_rel))
-            return false;
+        all &= control(cursor_.index + offset)
+                   .compare_exchange_strong(window_[offset], freed, std::memory_order_acq_rel);
     }
-    return true;
+    return all;
 }
 
 // Nobody else changes an entry that we have marked.

@@ -79,7 +79,7 @@ proctype Writer() {
     byte entry, size, at, lap, i, end, passes;
     short window[LARGEST];
     short seen;
-    bool worked;
+    bool worked, whole;
 
     do
     :: entry == ENTRIES -> break
@@ -116,22 +116,21 @@ again:
         :: else
         fi;
         advance(at + size);
-#ifndef IGNORE_LOST_CURSOR
-        if
-        :: !worked -> goto roll_back
-        :: else
-        fi;
+        whole = worked;
+#ifdef IGNORE_LOST_CURSOR
+        whole = true;
 #endif
         i = 1;
         do
         :: i < size ->
             swap_control(at + i, window[i], WORD(SEQUENCE(window[i]) + 1, FREE, 1));
-            if
-            :: !worked -> goto roll_back
-            :: else -> i++
-            fi
+            d_step { whole = whole && worked; i++ }
         :: else -> break
         od;
+        if
+        :: !whole -> goto roll_back
+        :: else
+        fi;
         atomic {
             i = 0;
             do
