@@ -9,7 +9,7 @@ packages_demo="iproute2"
 packages_test="libgtest-dev libgmock-dev pkg-config python3 iproute2 spin"
 packages_lint="clang clang-format git python3"
 packages_docs="doxygen"
-packages_bench="libbenchmark-dev libboost-dev libqb-dev libuv1-dev libevent-dev liblttng-ust-dev lttng-tools pkg-config"
+packages_bench="libbenchmark-dev libboost-dev libqb-dev libuv1-dev libevent-dev libev-dev liblttng-ust-dev lttng-tools pkg-config"
 
 need() {
     local group list package missing=()

@@ -92,6 +92,12 @@ QEL_API int qel_dm_dispatch(qel_dm_handle dm);
  */
 QEL_API int qel_dm_xdispatch(qel_dm_handle dm, uint32_t* event, uint32_t* event_id);
 
+/* The library's own events of explicit dispatch. Applications take numbers of their own above these. */
+#define QEL_DM_XD_MESSAGE 1u         /**< messages wait; the ID is the oldest one's type */
+#define QEL_DM_XD_WATCHED_BOOLEAN 2u /**< a watched boolean became true; its ID */
+#define QEL_DM_XD_WATCHED_QUEUE 3u   /**< a watched queue has items; its ID */
+#define QEL_DM_XD_TIMER_TREE 4u      /**< a leaf of a managed timer tree has expired; the tree's ID */
+
 /** From a handler: leaves an event (not 0) and its ID for the explicit dispatch that runs it. */
 QEL_API void qel_dm_xd_set(uint32_t event, uint32_t event_id);
 

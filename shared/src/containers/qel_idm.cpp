@@ -82,11 +82,16 @@ cerrno read_state(const Place& place, EntryState* state) {
     return true;
 }
 
-// Finds what 'id' names and takes a reference.
-[[gnu::always_inline]] inline Held hold(std::uint32_t handle, std::uint32_t id) {
+// Finds what 'id' names and takes a reference; 'also_withdrawn' finds what lookups no longer find, too.
+[[gnu::always_inline]] inline Held hold(std::uint32_t handle, std::uint32_t id, bool also_withdrawn) {
     Place place = find_place(handle, id);
-    if (!place || !take_reference(*place.entry, place.demand.and_not_withdrawn())) return {};
-    return {place.pool, place.entry};
+    if (!place) return {};
+    Demand demand = also_withdrawn ? place.demand : place.demand.and_not_withdrawn();
+    return take_reference(*place.entry, demand) ? Held{place.pool, place.entry} : Held{};
+}
+
+void* object_of(const Held& held) {
+    return held.entry == nullptr ? nullptr : held.entry->ctx;
 }
 
 // What is left to do once an ID is gone: the object to destroy, and how.
@@ -232,7 +237,11 @@ Entry* next_entry(const Pool& pool, std::uint32_t previous_id, Accept accept) {
 }  // namespace
 
 Held qel::idm::retain(std::uint32_t handle, std::uint32_t id) {
-    return hold(handle, id);
+    return hold(handle, id, false);
+}
+
+Held qel::idm::retain_any(std::uint32_t handle, std::uint32_t id) {
+    return hold(handle, id, true);
 }
 
 void qel::idm::end_life(Pool& pool, Entry& entry) {
@@ -282,14 +291,11 @@ cerrno qel_idm_id_to_ctx(uint32_t handle, uint32_t id, void** context) {
 }
 
 void* qel_idm_lookup_and_retain_id(uint32_t handle, uint32_t id) {
-    Held held = hold(handle, id);
-    return held.entry == nullptr ? nullptr : held.entry->ctx;
+    return object_of(hold(handle, id, false));
 }
 
 void* qel_idm_lookup_and_retain_any_id(uint32_t handle, uint32_t id) {
-    Place place = find_place(handle, id);
-    if (!place || !take_reference(*place.entry, place.demand)) return nullptr;
-    return place.entry->ctx;
+    return object_of(hold(handle, id, true));
 }
 
 void* qel_idm_lookup_next_and_retain(uint32_t handle, uint32_t previous_id, uint32_t* next_id) {

@@ -25,6 +25,8 @@ struct Held {
 
 // As qel_idm_lookup_and_retain_id().
 Held retain(std::uint32_t pool, std::uint32_t id);
+// As qel_idm_lookup_and_retain_any_id().
+Held retain_any(std::uint32_t pool, std::uint32_t id);
 
 // The rest of a release that took the last reference: queues the entry and runs the pool's destructor.
 void end_life(Pool& pool, Entry& entry);
@@ -47,7 +49,8 @@ template <class T>
 class Retained {
   public:
     Retained() = default;
-    Retained(std::uint32_t pool, std::uint32_t id) : held_(idm::retain(pool, id)) {
+    Retained(std::uint32_t pool, std::uint32_t id) : Retained(idm::retain(pool, id)) {}
+    explicit Retained(const idm::Held& held) : held_(held) {
         if (held_.entry != nullptr) object_ = static_cast<T*>(held_.entry->ctx);
     }
     Retained(Retained&& other) : object_(std::exchange(other.object_, nullptr)), held_(other.held_) {}

@@ -12,11 +12,11 @@
 #include <qel/base.h>
 #include <qel/dt.h>
 #include <qel/idm.h>
-#include <qel/ppm.h>
 
 #include <cstdarg>
 #include <cstdio>
 
+#include "containers/qel_idm_family.hpp"
 #include "core/qel_owned.hpp"
 
 namespace qel::dm {
@@ -31,7 +31,6 @@ constexpr std::uint32_t kPoolFlags = QEL_MEM_CHUNK_DYNAMIC | QEL_MEM_CHUNK_FAST_
 constexpr std::uint32_t kElementsPerBlock = 32;
 
 constinit Mutex global_mutex;
-constinit std::atomic<std::uint32_t> id_pool{QEL_IDM_NO_POOL};
 constinit Dispatcher* first_instance QEL_GUARDED_BY(global_mutex) = nullptr;
 constinit Dispatcher* last_instance QEL_GUARDED_BY(global_mutex) = nullptr;
 constinit std::atomic<std::uint32_t> qdm_default_handle{0};
@@ -86,9 +85,8 @@ void free_instance(Dispatcher* instance) QEL_NO_THREAD_SAFETY_ANALYSIS {
 }
 using OwnedInstance = Unique<Dispatcher*, free_instance>;
 
-void destroy_context(void* context, void*) {
-    free_instance(static_cast<Dispatcher*>(context));
-}
+constinit FamilyPool instances{{"QDM id manager", "qel.qdm.max.instances", kDefaultMaxInstances,
+                                [](void* instance) { free_instance(static_cast<Dispatcher*>(instance)); }}};
 
 int init_mutexes(Dispatcher& instance) {
     if (int error = instance.mutex.init(); error != 0) return error;
@@ -137,23 +135,10 @@ int make_instance(OwnedInstance& out, const char* name, std::uint32_t flags) QEL
     return 0;
 }
 
-int make_id_pool() {
-    if (id_pool.load(std::memory_order_relaxed) != QEL_IDM_NO_POOL) return 0;
-    std::uint32_t capacity = kDefaultMaxInstances;
-    // Where the parameter can't be read, the default stands.
-    static_cast<void>(qel_ppm_get_integer("qel.qdm.max.instances", kDefaultMaxInstances, &capacity));
-    std::uint32_t pool = 0;
-    if (qel_idm_pool_create("QDM id manager", capacity, 0, &pool) != 0) return no_memory<"QDM16">();
-    // A fresh pool takes a destructor.
-    static_cast<void>(qel_idm_set_destructor(pool, destroy_context, nullptr));
-    id_pool.store(pool, std::memory_order_release);
-    return 0;
-}
-
 // What the family makes on first use.
 int prepare_family() {
     Locked lock{global_mutex};
-    if (int error = make_id_pool(); error != 0) return error;
+    if (!instances.make()) return no_memory<"QDM16">();
     static_cast<void>(buffer_at(event_buffer, kEventBuffer));  // Without it events are not traced.
     return make_context_key();
 }
@@ -163,11 +148,10 @@ int create_instance(qel_dm_handle& out, const char* name, std::uint32_t flags, v
     OwnedInstance owned;
     if (int error = make_instance(owned, name, flags); error != 0) return error;
     Dispatcher& instance = *owned.get();
-    const std::uint32_t pool = id_pool.load(std::memory_order_relaxed);
-    if (qel_idm_get_id(pool, &instance, &instance.handle) != 0) return no_memory<"QDM17">();
+    if (qel_idm_get_id(instances.handle(), &instance, &instance.handle) != 0) return no_memory<"QDM17">();
     owned.release();
     // From here on the reference behind the handle owns the instance.
-    Undo release{[&] { static_cast<void>(qel_idm_release_id(pool, instance.handle)); }};
+    Undo release{[&] { instances.release(instance.handle); }};
     if (int error = qel_dm_pf_init(&instance, native); error != 0) return error;
     release.keep();
     link_instance(instance);
@@ -205,9 +189,7 @@ void ReportedLockFailures::unlock_failed(int error) {
 Retained retain(qel_dm_handle handle) {
     Dispatcher* served = served_here;
     if (served != nullptr && served->handle == handle && !served->destroy_pending()) return Retained{*served};
-    if (handle > UINT32_MAX) return {};
-    return Retained{qel::Retained<Dispatcher>{id_pool.load(std::memory_order_acquire),
-                                              static_cast<std::uint32_t>(handle)}};
+    return Retained{instances.retain<Dispatcher>(handle)};
 }
 
 Retained retain_or_default(qel_dm_handle handle) {
@@ -253,8 +235,7 @@ QEL_API int qel_dm_destroy(qel_dm_handle* handle) {
     {
         // Also when the calling thread is cancelled while it waits.
         const std::uint32_t id = dispatcher->handle;
-        Undo drop_creators_reference{
-            [&] { static_cast<void>(qel_idm_delete_id(id_pool.load(std::memory_order_relaxed), &id)); }};
+        Undo drop_creators_reference{[&] { instances.release(id); }};
         drain_waiters(*dispatcher);
     }
     *handle = 0;

@@ -14,9 +14,6 @@
 namespace qel::dm {
 namespace {
 
-// The event of an explicit dispatch that stands for a message.
-constexpr std::uint32_t kMessageEvent = 1;
-
 struct Message {
     qel_dqueue link;
     std::uint32_t type;
@@ -46,7 +43,7 @@ void run_message(qel_dm_handle handle, std::uint64_t instance, std::uint64_t) {
     if (delivery.handler != nullptr)
         delivery.handler(handle, delivery.context, 0);
     else
-        qel_dm_xd_set(kMessageEvent, delivery.type);
+        qel_dm_xd_set(QEL_DM_XD_MESSAGE, delivery.type);
 }
 
 // Takes the oldest message off 'queue', or gives false.
