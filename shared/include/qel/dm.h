@@ -57,9 +57,10 @@ QEL_API int qel_dm_create_from_native_dm(qel_dm_handle* out, const char* name, u
  * Ends a dispatcher, and clears the caller's variable.
  *
  * From now on its calls give EINVAL. Threads in qel_dm_wait() come out of it, and this call returns when the
- * last one has; handlers that run finish on their own and may even be the caller. Jobs and messages that are
- * still queued are dropped, the application's descriptors stay open. It waits for a running
- * qel_dm_message_deregister() too, so a clean-up handler must not call it for its own dispatcher.
+ * last one has; handlers that run finish on their own and may even be the caller. Handlers on threads of a
+ * pool (qel/dm_threadpool.h) are waited for, all but the caller. Jobs and messages that are still queued are
+ * dropped, the application's descriptors stay open. It waits for a running qel_dm_message_deregister() too,
+ * so a clean-up handler must not call it for its own dispatcher.
  *
  * Returns 0, or EINVAL, also when another thread is destroying it already.
  */

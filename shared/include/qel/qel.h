@@ -8,6 +8,7 @@
 #include <qel/cerrno.h>
 #include <qel/dm.h>
 #include <qel/dm_pf.h>
+#include <qel/dm_threadpool.h>
 #include <qel/dm_watched.h>
 #include <qel/dt.h>
 #include <qel/dt_buffer.h>

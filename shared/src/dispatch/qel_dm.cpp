@@ -18,6 +18,7 @@
 
 #include "containers/qel_idm_family.hpp"
 #include "core/qel_owned.hpp"
+#include "dispatch/qel_thread_attr.hpp"
 
 namespace qel::dm {
 
@@ -82,6 +83,7 @@ void free_instance(Dispatcher* instance) QEL_NO_THREAD_SAFETY_ANALYSIS {
     give_back_all(*instance, instance->messages);
     qel_dm_pf_cleanup(instance);
     qel_mem_chunk_destroy(instance->pool);
+    if (instance->thread_attr != nullptr) free_thread_attr(instance->thread_attr);
 }
 using OwnedInstance = Unique<Dispatcher*, free_instance>;
 
@@ -171,6 +173,7 @@ int begin_destroy(Dispatcher& instance) {
 // Brings the threads out of the wait step, one after the other: each wakes the next.
 void drain_waiters(Dispatcher& instance) {
     Locked lock{instance.mutex};
+    leave_pool_locked(instance);
     wake_locked(instance);
     while (instance.waiters > 0 || instance.threads > 0)
         qel_thread_cond_wait(&instance.cond, instance.mutex.native());

@@ -5,7 +5,7 @@
 // qel_dm_jobs.cpp    local jobs and the wake-up of waiting threads
 // qel_dm_fd.cpp      descriptors          qel_dm_timer.cpp    timers (qel_dm_timer_heap.*: their order)
 // qel_dm_message.cpp the message queue    qel_dm_pf.cpp       the exported platform layer
-// qel_dm_lnx.cpp     the kernel's calls
+// qel_dm_lnx.cpp     the kernel's calls  qel_dm_threadpool.cpp    the pool of threads
 //
 // A function that ends in _locked needs the instance's mutex; none of them runs a handler.
 #pragma once
@@ -66,6 +66,7 @@ struct qel_dm_instance {
     std::int16_t max_threads QEL_GUARDED_BY(mutex);
     std::int16_t waiting QEL_GUARDED_BY(mutex);
     std::int16_t threads QEL_GUARDED_BY(mutex);
+    bool pool_aborting QEL_GUARDED_BY(mutex);  // a creation failed and joins what it started
     int (*wait_handler)(qel_dm_handle) QEL_GUARDED_BY(mutex);
     int (*dispatch_handler)(qel_dm_handle) QEL_GUARDED_BY(mutex);
 
@@ -193,8 +194,22 @@ inline void add_waiters_locked(Dispatcher& dispatcher, std::int32_t change) QEL_
 
 // ---- qel_dm_loop.cpp
 
-// The dispatcher whose handler the calling thread runs, the innermost one; else null.
+// The dispatcher whose handler the calling thread runs, or whose pool it belongs to, the innermost one; else
+// null.
 inline constinit thread_local Dispatcher* served_here = nullptr;
+
+// Marks the calling thread as one that serves the dispatcher and holds a reference to it meanwhile. A handler
+// may serve another one.
+class ServedHere {
+  public:
+    explicit ServedHere(Dispatcher& dispatcher) : outer_(std::exchange(served_here, &dispatcher)) {}
+    ServedHere(const ServedHere&) = delete;
+    ServedHere& operator=(const ServedHere&) = delete;
+    ~ServedHere() { served_here = outer_; }
+
+  private:
+    Dispatcher* outer_;
+};
 
 // Makes the key of the thread contexts; 0 or the system's error. Call under the list's lock.
 int make_context_key();
@@ -256,5 +271,11 @@ void dispatch_timer(Dispatcher& dispatcher);
 // Makes one expired timer due again, for a thread that picked it and will not dispatch it.
 void return_expired_timer_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex);
 void free_timers(Dispatcher& dispatcher) QEL_NO_THREAD_SAFETY_ANALYSIS;
+
+// ---- qel_dm_threadpool.cpp
+
+// Counts the calling thread out of the dispatcher's pool, if it is one of its threads: it is about to wait
+// until none is left.
+void leave_pool_locked(Dispatcher& dispatcher) QEL_REQUIRES(dispatcher.mutex);
 
 }  // namespace qel::dm

@@ -175,18 +175,6 @@ Round wait_round_locked(Dispatcher& dispatcher, Context& context, bool blocking)
     return {true, 0};
 }
 
-// Marks the calling thread as one that runs a handler of the dispatcher. A handler may serve another one.
-class ServedHere {
-  public:
-    explicit ServedHere(Dispatcher& dispatcher) : outer_(std::exchange(served_here, &dispatcher)) {}
-    ServedHere(const ServedHere&) = delete;
-    ServedHere& operator=(const ServedHere&) = delete;
-    ~ServedHere() { served_here = outer_; }
-
-  private:
-    Dispatcher* outer_;
-};
-
 // The frame of the two dispatch calls: the instance and the context that belongs to it.
 struct Serving {
     Retained dispatcher;

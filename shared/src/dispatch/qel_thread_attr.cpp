@@ -6,13 +6,12 @@
 //
 // Invariant: the told fields (percent, class, mode) are what the caller asked for; the system's object holds
 // what follows from them. Locks: none. Threads: a record belongs to one thread at a time.
-#include <qel/thread.h>
+#include "dispatch/qel_thread_attr.hpp"
 
 #include <sched.h>
+#include <signal.h>
 
 #include <cerrno>
-
-#include "core/qel_owned.hpp"
 
 using namespace qel;
 
@@ -67,7 +66,76 @@ int get_field(const qel_thread_attr* attr, Field qel_thread_attr::*field, Field*
     return 0;
 }
 
+// ---- The copy of a record
+
+template <class Value>
+int copy_setting(const pthread_attr_t& from, pthread_attr_t& to, int (*get)(const pthread_attr_t*, Value*),
+                 int (*set)(pthread_attr_t*, Value)) {
+    Value value{};
+    int error = get(&from, &value);
+    return error != 0 ? error : set(&to, value);
+}
+
+// The priority is checked against the policy, which therefore goes first.
+int copy_scheduling(const pthread_attr_t& from, pthread_attr_t& to) {
+    sched_param parameters{};
+    int error = copy_setting(from, to, pthread_attr_getinheritsched, pthread_attr_setinheritsched);
+    if (error == 0) error = copy_setting(from, to, pthread_attr_getschedpolicy, pthread_attr_setschedpolicy);
+    if (error == 0) error = pthread_attr_getschedparam(&from, &parameters);
+    if (error == 0) error = pthread_attr_setschedparam(&to, &parameters);
+    return error;
+}
+
+// An object without an affinity tells that of all processors. Setting it would undo the one that threads
+// inherit.
+int copy_affinity(const pthread_attr_t& from, pthread_attr_t& to) {
+    cpu_set_t processors;
+    if (int error = pthread_attr_getaffinity_np(&from, sizeof processors, &processors); error != 0)
+        return error;
+    if (CPU_COUNT(&processors) == CPU_SETSIZE) return 0;
+    return pthread_attr_setaffinity_np(&to, sizeof processors, &processors);
+}
+
+int copy_signal_mask(const pthread_attr_t& from, pthread_attr_t& to) {
+    sigset_t mask;
+    int error = pthread_attr_getsigmask_np(&from, &mask);
+    if (error == PTHREAD_ATTR_NO_SIGMASK_NP) return 0;
+    return error != 0 ? error : pthread_attr_setsigmask_np(&to, &mask);
+}
+
+int copy_native(const pthread_attr_t& from, pthread_attr_t& to) {
+    int error = copy_scheduling(from, to);
+    if (error == 0) error = copy_setting(from, to, pthread_attr_getstacksize, pthread_attr_setstacksize);
+    if (error == 0) error = copy_setting(from, to, pthread_attr_getguardsize, pthread_attr_setguardsize);
+    if (error == 0) error = copy_affinity(from, to);
+    if (error == 0) error = copy_signal_mask(from, to);
+    return error;
+}
+
 }  // namespace
+
+namespace qel {
+
+void free_thread_attr(qel_thread_attr* attr) {
+    static_cast<void>(qel_thread_attr_destroy(attr));  // A record that was never filled has nothing to free.
+    qel_named_free(attr);
+}
+
+int copy_thread_attr(const qel_thread_attr& attr, OwnedThreadAttr& out) {
+    if (!usable(&attr)) return EINVAL;
+    OwnedThreadAttr copy{allocate_zeroed<qel_thread_attr>(QEL_MEM_BASE).release()};
+    if (!copy) return ENOMEM;
+    if (int error = qel_thread_attr_init(copy.get()); error != 0) return error;
+    pthread_attr_t* native = copy.get()->attr;
+    *copy.get() = attr;
+    copy.get()->attr = native;
+    copy.get()->detach_state = QEL_THREAD_JOINABLE;
+    if (int error = copy_native(*attr.attr, *native); error != 0) return error;
+    out = std::move(copy);
+    return 0;
+}
+
+}  // namespace qel
 
 int qel_thread_attr_init(qel_thread_attr* attr) {
     if (attr == nullptr) return EINVAL;
