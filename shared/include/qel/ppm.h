@@ -28,6 +28,7 @@
  *     qel.trace.kbytes.%s          unset           size of that buffer, in units of 1024 bytes
  *     qel.gen.buffer.errors.size   327680          size of the common error buffer, in bytes
  *     qel.qdm.max.instances        32              the most dispatchers of a process
+ *     qel.time.buffer.events.size  32768           size of the timer wheels' event buffer, in bytes
  */
 #ifndef QEL_PPM_H
 #define QEL_PPM_H

@@ -22,6 +22,7 @@
 #include <qel/shm.h>
 #include <qel/thread.h>
 #include <qel/time.h>
+#include <qel/tw.h>
 #include <qel/types.h>
 
 #endif

@@ -1,0 +1,165 @@
+#include "support/failing.hpp"
+#include "timers/qel_tw.hpp"
+
+#include "support/support.hpp"
+
+#include <random>
+#include <vector>
+
+using namespace qel_test;
+
+namespace {
+
+// Four million ticks of the largest size would take the thread sanitizer half a minute.
+#if defined(__SANITIZE_THREAD__)
+constexpr std::uint32_t kLargestSize = 1024;
+#else
+constexpr std::uint32_t kLargestSize = 2048;
+#endif
+
+void ignore_basic(qel_tw_timer_basic*) {}
+
+// A wheel beside a model that knows no levels: each timer and the tick at which it is to fire.
+class Modelled {
+  public:
+    Modelled(std::uint32_t granularity, std::uint32_t size, std::uint32_t first_tick)
+        : granularity_(granularity), size_(size), tick_(first_tick), timers_(200) {
+        EXPECT_EQ(qel_tw_init_wheel(&wheel_, granularity, granularity * (size - 1), 0, QEL_TW_MODE_CALLBACK,
+                                    nullptr, 0),
+                  0);
+        EXPECT_EQ(wheel_->size, size);
+        // An empty wheel may stand at any tick.
+        wheel_->current_tick = first_tick;
+    }
+    ~Modelled() {
+        EXPECT_EQ(qel_tw_destroy_wheel(&wheel_), 0);
+        EXPECT_GT(fired_, timers_.size());
+    }
+
+    // Starts, restarts and stops timers in the first quarter of 'ticks', and ticks until all have fired.
+    void run(std::uint32_t ticks, const std::vector<std::uint32_t>& delays) {
+        for (std::uint32_t i = 0; i < ticks; ++i) {
+            ++tick_;
+            ASSERT_EQ(qel_tw_tick(wheel_), 0);
+            if (i < ticks / 4 && random_() % 16 == 0) change(delays);
+        }
+        for (Entry& entry : timers_) ASSERT_FALSE(entry.due) << entry.delay;
+    }
+
+  private:
+    struct Entry {
+        qel_tw_timer timer{};
+        Modelled* owner = nullptr;
+        bool due = false;
+        std::uint32_t expiry = 0, delay = 0, started_at = 0;
+        std::uint64_t order = 0;
+    };
+
+    void change(const std::vector<std::uint32_t>& delays) {
+        Entry& entry = timers_[random_() % timers_.size()];
+        ASSERT_EQ(qel_tw_timer_running(&entry.timer), entry.due);
+        if (entry.due && random_() % 4 == 0) {
+            ASSERT_EQ(qel_tw_timer_stop(&entry.timer), 0);
+            entry.due = false;
+            return;
+        }
+        start(entry, delays[random_() % delays.size()] + static_cast<std::uint32_t>(random_() % 3) - 1);
+        start(timers_[random_() % timers_.size()], entry.delay);
+    }
+
+    void start(Entry& entry, std::uint32_t ticks) {
+        entry.owner = this;
+        entry.due = true;
+        entry.delay = ticks;
+        entry.started_at = tick_;
+        entry.expiry = tick_ + (ticks == 0 ? size_ : ticks);
+        entry.order = ++starts_;
+        ASSERT_EQ(qel_tw_timer_start(wheel_, &entry.timer, ticks * granularity_, fire, &entry), 0);
+        ASSERT_EQ(qel_tw_timer_remaining(wheel_, &entry.timer), ticks * granularity_);
+    }
+
+    static void fire(qel_tw, qel_tw_timer* timer, void* context) {
+        auto& entry = *static_cast<Entry*>(context);
+        Modelled& self = *entry.owner;
+        EXPECT_FALSE(qel_tw_timer_running(timer));
+        EXPECT_TRUE(entry.due);
+        EXPECT_EQ(entry.expiry, self.tick_) << "started at " << entry.started_at << " for " << entry.delay;
+        if (entry.expiry == self.last_expiry_ && entry.started_at == self.last_started_at_) {
+            EXPECT_GT(entry.order, self.last_order_);
+        }
+        self.last_expiry_ = entry.expiry;
+        self.last_started_at_ = entry.started_at;
+        self.last_order_ = entry.order;
+        entry.due = false;
+        ++self.fired_;
+    }
+
+    qel_tw wheel_ = nullptr;
+    std::uint32_t granularity_, size_, tick_;
+    std::vector<Entry> timers_;
+    std::mt19937 random_{1};
+    std::uint64_t starts_ = 0, fired_ = 0, last_order_ = 0;
+    std::uint32_t last_expiry_ = 0, last_started_at_ = 0;
+};
+
+}  // namespace
+
+// Delays around each power of the size, started at all distances before the counter's wrap and behind it, so
+// that carries run through all levels; 64 slots up to the third power.
+TEST(TimerWheelSlots, each_timer_fires_at_its_tick_in_every_size_and_across_the_wrap) {
+    for (std::uint32_t size = 64; size <= kLargestSize; size *= 2) {
+        const std::uint32_t square = size * size;
+        std::vector<std::uint32_t> delays{1, size / 2, size, 2 * size, square / 2, square, square + size - 1};
+        if (size == 64) delays.insert(delays.end(), {square * size / 2, square * size});
+        const std::uint32_t ticks = (delays.back() + size) / 3 * 4 + 8;
+        Modelled{1, size, 0u - ticks / 8}.run(ticks, delays);
+        if (size <= 256) Modelled{16, size, 0u - ticks / 8}.run(ticks, delays);
+    }
+}
+
+// The counter is set on to where the top level's slot comes down, instead of thousands of millions of ticks.
+TEST(TimerWheelSlots, the_longest_delays_come_down_from_the_top_level) {
+    struct Case {
+        std::uint32_t now, expiry;
+    };
+    // A carry past the highest level but one; a delay of a whole revolution of the counter, less one.
+    for (Case c : {Case{0x7ffffffe, 0xc0000046}, Case{0x40000047, 0x40000046}}) {
+        for (std::uint32_t size = 64; size <= 2048; size *= 2) {
+            qel_tw wheel = nullptr;
+            ASSERT_EQ(qel_tw_init_wheel(&wheel, 1, size - 1, 1, QEL_TW_MODE_BASIC, ignore_basic, 0), 0);
+            qel_tw_timer_basic timer{};
+            wheel->current_tick = c.now;
+            ASSERT_EQ(qel_tw_timer_basic_start(wheel, &timer, c.expiry - c.now), 0);
+            wheel->current_tick = (c.expiry & 0xf0000000) - 1;
+            while (wheel->current_tick != c.expiry) {
+                EXPECT_TRUE(qel_tw_timer_basic_running(&timer));
+                ASSERT_EQ(qel_tw_tick(wheel), 0);
+            }
+            EXPECT_FALSE(qel_tw_timer_basic_running(&timer)) << size;
+            EXPECT_EQ(qel_tw_destroy_wheel(&wheel), 0);
+        }
+    }
+}
+
+TEST(TimerWheelFailures, each_allocation_may_fail) {
+    qel_dm_handle dm = 0;
+    ASSERT_EQ(qel_dm_create(&dm, "wheel's", QEL_DM_PRIVATE), 0);
+    auto worked = [](int error) {
+        EXPECT_TRUE(error == 0 || error == ENOMEM) << error;
+        return error == 0;
+    };
+    const qel_tw_type_row table[] = {{1, ignore_basic}, {0, nullptr}};
+    int failures = fail_each_allocation([&] {
+        qel_tw wheel = nullptr;
+        if (!worked(qel_tw_init_wheel(&wheel, 4, 100, 4, QEL_TW_MODE_BASIC, nullptr, 0))) {
+            EXPECT_EQ(wheel, nullptr);
+            return;
+        }
+        EXPECT_EQ(qel_tw_get_handler(wheel, 1),
+                  worked(qel_tw_load_table(wheel, table)) ? ignore_basic : nullptr);
+        EXPECT_EQ(qel_tw_attach_qdm(wheel, 0), worked(qel_tw_attach_qdm(wheel, dm)) ? 0 : ENOENT);
+        EXPECT_EQ(qel_tw_destroy_wheel(&wheel), 0);
+    });
+    EXPECT_GE(failures, 2);
+    EXPECT_EQ(qel_dm_destroy(&dm), 0);
+}
