@@ -29,6 +29,8 @@
  *     qel.gen.buffer.errors.size   327680          size of the common error buffer, in bytes
  *     qel.qdm.max.instances        32              the most dispatchers of a process
  *     qel.time.buffer.events.size  32768           size of the timer wheels' event buffer, in bytes
+ *     qel.time.clock-change-check-interval-sec
+ *                                  61              seconds between looks at the real-time clock
  */
 #ifndef QEL_PPM_H
 #define QEL_PPM_H
