@@ -251,6 +251,22 @@ TEST(TimerWheel, a_stalled_dispatcher_catches_up_if_asked_to) {
     }
 }
 
+TEST(TimerWheel, a_driven_handler_that_ends_its_thread_leaves_the_wheel_running) {
+    TestDispatcher dispatcher;
+    TestWheel test{1};
+    FunctionTimer ends, left;
+    bool fired = false;
+    ends.function = [] { pthread_exit(nullptr); };
+    left.function = [&] { fired = true; };
+    ends.start(test.wheel, 1);
+    left.start(test.wheel, 1);
+    ASSERT_EQ(qel_tw_attach_qdm(test.wheel, dispatcher.handle), 0);
+    std::thread([&] { dispatcher.serve_once(); }).join();
+    EXPECT_FALSE(fired);
+    dispatcher.serve_once();
+    EXPECT_TRUE(fired);
+}
+
 // A busy dispatcher fires each period up to 0.2 ms early.
 TEST(TimerWheel, never_runs_ahead_of_the_clock) {
     TestDispatcher dispatcher;
