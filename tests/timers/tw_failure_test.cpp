@@ -21,87 +21,69 @@ constexpr std::uint32_t kLargestSize = 2048;
 
 void ignore_basic(qel_tw_timer_basic*) {}
 
-// A wheel beside a model that knows no levels: each timer and the tick at which it is to fire.
-class Modelled {
-  public:
-    Modelled(std::uint32_t granularity, std::uint32_t size, std::uint32_t first_tick)
-        : granularity_(granularity), size_(size), tick_(first_tick), timers_(200) {
-        EXPECT_EQ(qel_tw_init_wheel(&wheel_, granularity, granularity * (size - 1), 0, QEL_TW_MODE_CALLBACK,
-                                    nullptr, 0),
-                  0);
-        EXPECT_EQ(wheel_->size, size);
-        // An empty wheel may stand at any tick.
-        wheel_->current_tick = first_tick;
+// A wheel beside a model that knows no levels: of each timer the tick at which it is to fire.
+struct Model {
+    struct Entry {
+        qel_tw_timer timer;
+        Model* model;
+        bool due;
+        std::uint32_t expiry, started_at;
+        std::uint64_t order;
+    };
+    qel_tw wheel = nullptr;
+    std::uint32_t tick;
+    std::uint64_t starts = 0, fired = 0;
+    std::vector<Entry> entries{200};
+    Entry last{};
+
+    Model(std::uint32_t granularity, std::uint32_t size, std::uint32_t first_tick) : tick(first_tick) {
+        EXPECT_EQ(qel_tw_init_wheel(&wheel, granularity, granularity * (size - 1), 0, 0, nullptr, 0), 0);
+        EXPECT_EQ(wheel->size, size);
+        wheel->current_tick = first_tick;  // An empty wheel may stand at any tick.
     }
-    ~Modelled() {
-        EXPECT_EQ(qel_tw_destroy_wheel(&wheel_), 0);
-        EXPECT_GT(fired_, timers_.size());
+    ~Model() { EXPECT_EQ(qel_tw_destroy_wheel(&wheel), 0); }
+
+    void start(Entry& entry, std::uint32_t ticks) {
+        const std::uint32_t expiry = tick + (ticks == 0 ? wheel->size : ticks);
+        entry = {entry.timer, this, true, expiry, tick, ++starts};
+        ASSERT_EQ(qel_tw_timer_start(wheel, &entry.timer, ticks * wheel->granularity, fire, &entry), 0);
+        ASSERT_EQ(qel_tw_timer_remaining(wheel, &entry.timer), ticks * wheel->granularity);
+    }
+    void stop(Entry& entry) {
+        ASSERT_EQ(qel_tw_timer_running(&entry.timer), entry.due);
+        ASSERT_EQ(qel_tw_timer_stop(&entry.timer), 0);
+        entry.due = false;
+    }
+    static void fire(qel_tw, qel_tw_timer*, void* context) {
+        auto& entry = *static_cast<Entry*>(context);
+        Model& model = *entry.model;
+        EXPECT_TRUE(entry.due);
+        EXPECT_EQ(entry.expiry, model.tick) << "started at " << entry.started_at;
+        EXPECT_TRUE(entry.expiry != model.last.expiry || entry.started_at != model.last.started_at ||
+                    entry.order > model.last.order);
+        entry.due = false;
+        model.last = entry;
+        ++model.fired;
     }
 
     // Starts, restarts and stops timers in the first quarter of 'ticks', and ticks until all have fired.
     void run(std::uint32_t ticks, const std::vector<std::uint32_t>& delays) {
+        std::mt19937 random{1};
+        auto any = [&]() -> Entry& { return entries[random() % entries.size()]; };
         for (std::uint32_t i = 0; i < ticks; ++i) {
-            ++tick_;
-            ASSERT_EQ(qel_tw_tick(wheel_), 0);
-            if (i < ticks / 4 && random_() % 16 == 0) change(delays);
+            if (i < ticks / 4 && random() % 16 == 0) {
+                const auto jiggle = static_cast<std::uint32_t>(random() % 3) - 1;
+                const std::uint32_t delay = delays[random() % delays.size()] + jiggle;
+                start(any(), delay);
+                start(any(), delay);
+                if (random() % 4 == 0) stop(any());
+            }
+            ++tick;
+            ASSERT_EQ(qel_tw_tick(wheel), 0);
         }
-        for (Entry& entry : timers_) ASSERT_FALSE(entry.due) << entry.delay;
+        EXPECT_GT(fired, entries.size());
+        for (Entry& entry : entries) ASSERT_FALSE(entry.due) << entry.expiry - entry.started_at;
     }
-
-  private:
-    struct Entry {
-        qel_tw_timer timer{};
-        Modelled* owner = nullptr;
-        bool due = false;
-        std::uint32_t expiry = 0, delay = 0, started_at = 0;
-        std::uint64_t order = 0;
-    };
-
-    void change(const std::vector<std::uint32_t>& delays) {
-        Entry& entry = timers_[random_() % timers_.size()];
-        ASSERT_EQ(qel_tw_timer_running(&entry.timer), entry.due);
-        if (entry.due && random_() % 4 == 0) {
-            ASSERT_EQ(qel_tw_timer_stop(&entry.timer), 0);
-            entry.due = false;
-            return;
-        }
-        start(entry, delays[random_() % delays.size()] + static_cast<std::uint32_t>(random_() % 3) - 1);
-        start(timers_[random_() % timers_.size()], entry.delay);
-    }
-
-    void start(Entry& entry, std::uint32_t ticks) {
-        entry.owner = this;
-        entry.due = true;
-        entry.delay = ticks;
-        entry.started_at = tick_;
-        entry.expiry = tick_ + (ticks == 0 ? size_ : ticks);
-        entry.order = ++starts_;
-        ASSERT_EQ(qel_tw_timer_start(wheel_, &entry.timer, ticks * granularity_, fire, &entry), 0);
-        ASSERT_EQ(qel_tw_timer_remaining(wheel_, &entry.timer), ticks * granularity_);
-    }
-
-    static void fire(qel_tw, qel_tw_timer* timer, void* context) {
-        auto& entry = *static_cast<Entry*>(context);
-        Modelled& self = *entry.owner;
-        EXPECT_FALSE(qel_tw_timer_running(timer));
-        EXPECT_TRUE(entry.due);
-        EXPECT_EQ(entry.expiry, self.tick_) << "started at " << entry.started_at << " for " << entry.delay;
-        if (entry.expiry == self.last_expiry_ && entry.started_at == self.last_started_at_) {
-            EXPECT_GT(entry.order, self.last_order_);
-        }
-        self.last_expiry_ = entry.expiry;
-        self.last_started_at_ = entry.started_at;
-        self.last_order_ = entry.order;
-        entry.due = false;
-        ++self.fired_;
-    }
-
-    qel_tw wheel_ = nullptr;
-    std::uint32_t granularity_, size_, tick_;
-    std::vector<Entry> timers_;
-    std::mt19937 random_{1};
-    std::uint64_t starts_ = 0, fired_ = 0, last_order_ = 0;
-    std::uint32_t last_expiry_ = 0, last_started_at_ = 0;
 };
 
 }  // namespace
@@ -114,8 +96,8 @@ TEST(TimerWheelSlots, each_timer_fires_at_its_tick_in_every_size_and_across_the_
         std::vector<std::uint32_t> delays{1, size / 2, size, 2 * size, square / 2, square, square + size - 1};
         if (size == 64) delays.insert(delays.end(), {square * size / 2, square * size});
         const std::uint32_t ticks = (delays.back() + size) / 3 * 4 + 8;
-        Modelled{1, size, 0u - ticks / 8}.run(ticks, delays);
-        if (size <= 256) Modelled{16, size, 0u - ticks / 8}.run(ticks, delays);
+        Model{1, size, 0u - ticks / 8}.run(ticks, delays);
+        if (size <= 256) Model{16, size, 0u - ticks / 8}.run(ticks, delays);
     }
 }
 
