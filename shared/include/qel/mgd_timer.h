@@ -65,7 +65,7 @@ typedef struct qel_mgd_timer {
     uint16_t type;                /**< a leaf's type, the application's */
     uint8_t init_mark;            /**< QEL_MGD_TIMER_INITIALIZED or 0 */
     uint8_t flags;                /**< QEL_MGD_TIMER_LEAF, QEL_MGD_TIMER_TREE */
-    uint32_t reserved;            /**< private */
+    uint32_t reserved;            /**< private: where this node is in 'place' */
 } qel_mgd_timer;
 
 /** A group of leaves and other groups. */

@@ -9,6 +9,7 @@
 #include <qel/mem.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "core/qel_owned.hpp"
@@ -16,23 +17,11 @@
 namespace qel::mgd {
 namespace {
 
-constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
-constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint32_t kFirstEntries = 8;
 constexpr std::uint32_t kFillOnMaking = Run::kCapacity * 3 / 4;
 
-// How many of 'count' ascending items, one at least, satisfy 'is_before', which holds for a first part of
-// them. Each step is an addition and not a jump, since nobody could foretell it.
-template <class Item, class IsBefore>
-std::uint32_t count_before(const Item* items, std::uint32_t count, IsBefore is_before) {
-    const Item* base = items;
-    while (count > 1) {
-        const std::uint32_t half = count / 2;
-        base += is_before(base[half - 1]) ? half : 0;
-        count -= half;
-    }
-    return static_cast<std::uint32_t>(base - items) + (is_before(*base) ? 1 : 0);
-}
+constexpr std::size_t kLine = 64;
+constexpr std::uint64_t kAllSlots = (std::uint64_t{1} << Run::kCapacity) - 1;
 
 Run*& run_of(Node& node) {
     void*& place = is_leaf(node) ? leaf_of(node).place : parent_of(node).place;
@@ -41,49 +30,66 @@ Run*& run_of(Node& node) {
 Run* run_of(const Node& node) {
     return run_of(const_cast<Node&>(node));
 }
-
-std::uint32_t position_in(const Run& run, const Node& node, std::int64_t key) {
-    std::uint32_t at = count_before(run.keys, run.count, [key](std::int64_t other) { return other < key; });
-    while (run.nodes[at] != &node) ++at;
-    return at;
+std::uint32_t& slot_of(Node& node) {
+    return node.reserved;
 }
 
-void put(Run& run, std::uint32_t position, std::int64_t key, Node& node) {
-    const std::uint32_t behind = run.count - position;
-    std::memmove(run.keys + position + 1, run.keys + position, behind * sizeof *run.keys);
-    std::memmove(run.nodes + position + 1, run.nodes + position, behind * sizeof *run.nodes);
-    run.keys[position] = key;
-    run.nodes[position] = &node;
-    run_of(node) = &run;
+std::uint32_t rank_of(const Run& run, const Node& node) {
+    const void* found = std::memchr(run.order, static_cast<int>(node.reserved), run.count);
+    return static_cast<std::uint32_t>(static_cast<const std::uint8_t*>(found) - run.order);
+}
+
+// How many keys of the run aren't above 'key', an exact one. All of them are asked, without a jump: the sign
+// of a difference is the answer.
+std::uint32_t count_up_to(const Run& run, std::int64_t key) {
+    std::uint64_t count = 0;
+    for (std::int64_t other : run.keys) count += static_cast<std::uint64_t>(other - (key + 1)) >> 63;
+    return static_cast<std::uint32_t>(count);
+}
+
+// Has one of a run's arrays brought from memory, all at once.
+template <class Item>
+void expect_lines(const Item (&items)[Run::kCapacity]) {
+    for (std::size_t i = 0; i < Run::kCapacity; i += kLine / sizeof(Item)) __builtin_prefetch(items + i);
+}
+
+void put(Run& run, std::uint32_t rank, std::int64_t key, Node& node) {
+    const auto slot = static_cast<std::uint32_t>(std::countr_zero(run.free_slots));
+    run.free_slots &= run.free_slots - 1;
+    std::memmove(run.order + rank + 1, run.order + rank, run.count - rank);
+    run.order[rank] = static_cast<std::uint8_t>(slot);
+    run.keys[slot] = key;
+    run.nodes[slot] = &node;
     ++run.count;
+    run_of(node) = &run;
+    slot_of(node) = slot;
 }
 
-void take(Run& run, std::uint32_t position) {
-    const std::uint32_t behind = --run.count - position;
-    std::memmove(run.keys + position, run.keys + position + 1, behind * sizeof *run.keys);
-    std::memmove(run.nodes + position, run.nodes + position + 1, behind * sizeof *run.nodes);
+void take(Run& run, std::uint32_t rank) {
+    const std::uint32_t slot = run.order[rank];
+    --run.count;
+    std::memmove(run.order + rank, run.order + rank + 1, run.count - rank);
+    run.free_slots |= std::uint64_t{1} << slot;
+    run.keys[slot] = kHighestKey;
 }
 
-// Moves what 'from' holds from 'position' on to the end of 'to'.
-void move_tail(Run& from, std::uint32_t position, Run& to) {
-    const std::uint32_t moved = from.count - position;
-    std::memcpy(to.keys + to.count, from.keys + position, moved * sizeof *to.keys);
-    std::memcpy(to.nodes + to.count, from.nodes + position, moved * sizeof *to.nodes);
-    for (std::uint32_t i = 0; i < moved; ++i) run_of(*to.nodes[to.count + i]) = &to;
-    to.count += moved;
-    from.count = position;
+// Moves what 'from' holds from 'rank' on to the end of 'to'.
+void move_tail(Run& from, std::uint32_t rank, Run& to) {
+    for (std::uint32_t at = rank; at < from.count; ++at)
+        put(to, to.count, from.keys[from.order[at]], from.at(at));
+    while (from.count > rank) take(from, from.count - 1);
 }
 
 }  // namespace
 
 Index* Index::make(const Parent& parent) {
     Unique<Index*, Index::free> index{allocate_zeroed<Index>(QEL_MEM_TIMER).release()};
-    if (!index || !index.get()->add_run(0, kLowest)) return nullptr;
+    if (!index || !index.get()->add_run(0, kLowestKey)) return nullptr;
     for (Node* node = parent.first_child; node != nullptr; node = node->next) {
         Slot slot = index.get()->end();
         const std::int64_t key = key_of(node->exptime);
-        if (slot.position == kFillOnMaking && !index.get()->split(slot, key)) return nullptr;
-        put(*slot.run, slot.position, key, *node);
+        if (slot.rank == kFillOnMaking && !index.get()->split(slot, key)) return nullptr;
+        put(*slot.run, slot.rank, key, *node);
     }
     return index.release();
 }
@@ -96,11 +102,16 @@ void Index::free(Index* index) {
 
 // ---- Places
 
-// The last run that may hold 'key', as a number in the directory.
+// The last run that may hold 'key', as a number in the directory. Each step is an addition and not a jump,
+// since nobody could foretell it.
 std::uint32_t Index::entry_for(std::int64_t key) const {
-    const Entry* first = entries_ + begin_;
-    return begin_ - 1 +
-           count_before(first, end_ - begin_, [key](const Entry& entry) { return entry.floor <= key; });
+    const Entry* base = entries_ + begin_;
+    for (std::uint32_t count = end_ - begin_; count > 1;) {
+        const std::uint32_t half = count / 2;
+        base += half & (std::uint32_t{0} - static_cast<std::uint32_t>(base[half].floor <= key));
+        count -= half;
+    }
+    return static_cast<std::uint32_t>(base - entries_);
 }
 
 std::uint32_t Index::entry_of(const Run& run) const {
@@ -111,7 +122,10 @@ std::uint32_t Index::entry_of(const Run& run) const {
 
 Slot Index::find(std::int64_t key) const {
     Run* run = entries_[entry_for(key)].run;
-    return {run, count_before(run->keys, run->count, [key](std::int64_t other) { return other <= key; })};
+    expect_lines(run->nodes);
+    const Slot slot{run, count_up_to(*run, key)};
+    if (slot.rank > 0) __builtin_prefetch(&run->at(slot.rank - 1));
+    return slot;
 }
 
 Slot Index::end() const {
@@ -126,11 +140,23 @@ Slot Index::between_siblings(const Node& node) const {
     const bool is_first = node.parent->first_child == &node;
     if (!is_first) {
         Run* run = run_of(*node.prev);
-        const bool ends_run = run->nodes[run->count - 1] == node.prev;
-        if (!ends_run || key <= run->ceiling)
-            return {run, position_in(*run, *node.prev, key_of(node.prev->exptime)) + 1};
+        const std::uint32_t rank = rank_of(*run, *node.prev) + 1;
+        if (rank < run->count || key <= run->ceiling) return {run, rank};
     }
     return {run_of(*node.next), 0};
+}
+
+void Index::expect_removal(const Node& node) {
+    const Run* run = run_of(node);
+    __builtin_prefetch(run);
+    __builtin_prefetch(run->keys + node.reserved);
+}
+
+void Index::expect_insertion(std::int64_t key) const {
+    const Run* run = entries_[entry_for(key)].run;
+    __builtin_prefetch(run);
+    expect_lines(run->keys);
+    expect_lines(run->nodes);
 }
 
 // ---- Changes
@@ -138,28 +164,27 @@ Slot Index::between_siblings(const Node& node) const {
 bool Index::insert(Slot slot, Node& node) {
     const std::int64_t key = key_of(node.exptime);
     if (slot.run->count == Run::kCapacity && !split(slot, key)) return false;
-    put(*slot.run, slot.position, key, node);
+    put(*slot.run, slot.rank, key, node);
     return true;
 }
 
 void Index::remove(Node& node) {
     Run& run = *run_of(node);
-    take(run, position_in(run, node, key_of(node.exptime)));
+    take(run, rank_of(run, node));
     if (run.count == 0)
         drop_run(entry_of(run));
     else if (run.count == Run::kCapacity / 4)
         merge_if_small(run);
 }
 
-bool Index::rekey(Node& node, const timespec& old_expiry) {
+bool Index::rekey(Node& node) {
     Run& run = *run_of(node);
     const std::int64_t key = key_of(node.exptime);
-    const std::uint32_t position = position_in(run, node, key_of(old_expiry));
     if (run.floor <= key && key <= run.ceiling) {
-        run.keys[position] = key;
+        run.keys[slot_of(node)] = key;
         return true;
     }
-    take(run, position);
+    take(run, rank_of(run, node));
     if (run.count == 0) drop_run(entry_of(run));
     return insert(between_siblings(node), node);
 }
@@ -193,8 +218,10 @@ bool Index::add_run(std::uint32_t offset, std::int64_t floor) {
     Entry* entry = entries_ + begin_ + offset;
     std::memmove(entry + 1, entry, (end_ - begin_ - offset) * sizeof *entry);
     ++end_;
+    run->free_slots = kAllSlots;
+    std::fill_n(run->keys, Run::kCapacity, kHighestKey);
     run->floor = floor;
-    run->ceiling = kHighest;
+    run->ceiling = kHighestKey;
     if (offset > 0) run->ceiling = std::exchange(entry[-1].run->ceiling, floor);
     *entry = {floor, run.release()};
     return true;
@@ -203,14 +230,14 @@ bool Index::add_run(std::uint32_t offset, std::int64_t floor) {
 // Makes room in a run that is to hold no more, and moves 'slot' along with its place.
 bool Index::split(Slot& slot, std::int64_t key) {
     Run& left = *slot.run;
-    const bool grows_at_end = slot.position == left.count && left.ceiling == kHighest;
+    const bool grows_at_end = slot.rank == left.count && left.ceiling == kHighestKey;
     const std::uint32_t kept = grows_at_end ? left.count : left.count / 2;
     const std::uint32_t entry = entry_of(left);
     const std::uint32_t offset = entry - begin_ + 1;
-    if (!add_run(offset, grows_at_end ? key : left.keys[kept])) return false;
+    if (!add_run(offset, grows_at_end ? key : left.keys[left.order[kept]])) return false;
     Run& right = *entries_[begin_ + offset].run;
     move_tail(left, kept, right);
-    if (slot.position > kept || grows_at_end) slot = {&right, slot.position - kept};
+    if (slot.rank > kept || grows_at_end) slot = {&right, slot.rank - kept};
     return true;
 }
 
@@ -222,7 +249,7 @@ void Index::drop_run(std::uint32_t entry) {
         std::memmove(entries_ + entry, entries_ + entry + 1, (--end_ - entry) * sizeof *entries_);
         return;
     }
-    if (++begin_ != end_) entries_[begin_].floor = entries_[begin_].run->floor = kLowest;
+    if (++begin_ != end_) entries_[begin_].floor = entries_[begin_].run->floor = kLowestKey;
 }
 
 void Index::merge_if_small(Run& run) {
@@ -242,20 +269,21 @@ void Index::merge_if_small(Run& run) {
 
 bool Index::repeats(const Parent& parent) const {
     const Node* node = parent.first_child;
-    std::int64_t edge = kLowest;
+    std::int64_t edge = kLowestKey;
     for (std::uint32_t i = begin_; i < end_; ++i) {
         const Run& run = *entries_[i].run;
         if (run.count == 0 || run.floor != edge || run.floor != entries_[i].floor) return false;
         std::int64_t lowest = run.floor;
-        for (std::uint32_t at = 0; at < run.count; ++at, node = node->next) {
-            if (node != run.nodes[at] || run_of(*node) != &run || key_of(node->exptime) != run.keys[at])
+        for (std::uint32_t rank = 0; rank < run.count; ++rank, node = node->next) {
+            if (node != &run.at(rank) || run_of(*node) != &run || node->reserved != run.order[rank])
                 return false;
-            if (run.keys[at] < lowest || run.keys[at] > run.ceiling) return false;
-            lowest = run.keys[at];
+            const std::int64_t key = run.keys[node->reserved];
+            if (key != key_of(node->exptime) || key < lowest || key > run.ceiling) return false;
+            lowest = key;
         }
         edge = run.ceiling;
     }
-    return node == nullptr && edge == kHighest;
+    return node == nullptr && edge == kHighestKey;
 }
 
 }  // namespace qel::mgd

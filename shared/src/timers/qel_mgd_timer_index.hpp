@@ -3,60 +3,66 @@
 //
 //    directory    | floor run | floor run | floor run |        sorted by floor
 //                        |          |           |
-//    run            keys | ...      ...         ...            up to kCapacity siblings, in their order
-//                  nodes | ...
+//    run           order | slots of the siblings, by rank
+//                   keys | one a slot
+//                  nodes | one a slot
 //
-// The siblings in their told order are the truth; the index repeats that order in runs of neighbours, with
-// their expiries side by side. Finding a place is one binary search in the directory and one in a run; a node
-// knows its run, so leaving it takes no search among equals. The directory is filled from the back and
-// emptied from the front without moving, as timers do that expire in the order of their starts.
+// The siblings in their told order are the truth; the index repeats that order in runs of neighbours. Finding
+// a place is a binary search in the directory and a count in a run of the keys that aren't above, which waits
+// for memory once. A node keeps its run and slot, so leaving it moves nothing but ranks, a byte each. The
+// directory is filled from the back and emptied from the front without moving, as timers do that expire in
+// the order of their starts.
 //
-// Invariant: keys ascend within a run and lie between its floor and its ceiling, both included; the ceiling
-// of a run is the floor of the next; no run is empty. The first floor and the last ceiling are the ends of
-// the range. Locks: the tree's mutex. When memory is short, insert() fails, the caller drops the index and
-// walks the list.
+// Invariant: keys ascend by rank within a run and lie between its floor and its ceiling, both included; the
+// ceiling of a run is the floor of the next; no run is empty. The first floor and the last ceiling are the
+// ends of the range; a free slot has the last key. Locks: the tree's mutex. When memory is short, insert()
+// fails, the caller drops the index and walks the list.
 #pragma once
 
 #include <cstdint>
-#include <limits>
 
 #include "timers/qel_mgd_timer.hpp"
 
 namespace qel::mgd {
 
-// An expiry in nanoseconds, held within 64 bits.
+// The ends of the range of keys: differences within it fit 64 bits.
+constexpr std::int64_t kHighestKey = std::int64_t{1} << 62;
+constexpr std::int64_t kLowestKey = -kHighestKey;
+
+// An expiry in nanoseconds, held within the range of keys.
 constexpr std::int64_t key_of(const timespec& expiry) {
-    std::int64_t key = 0;
-    if (!__builtin_mul_overflow(expiry.tv_sec, kNanosecondsPerSecond, &key))
-        return saturating_add(key, expiry.tv_nsec);
-    return expiry.tv_sec < 0 ? std::numeric_limits<std::int64_t>::min()
-                             : std::numeric_limits<std::int64_t>::max();
+    if (expiry.tv_sec >= kHighestKey / kNanosecondsPerSecond) return kHighestKey;
+    if (expiry.tv_sec <= kLowestKey / kNanosecondsPerSecond) return kLowestKey;
+    return expiry.tv_sec * kNanosecondsPerSecond + expiry.tv_nsec;
 }
 
-// Expiries beyond 292 years share one key, so their order isn't that of their keys.
+// Expiries beyond 146 years share one key, so their order isn't that of their keys.
 constexpr bool is_exact(std::int64_t key) {
-    return key != std::numeric_limits<std::int64_t>::min() && key != std::numeric_limits<std::int64_t>::max();
+    return key != kLowestKey && key != kHighestKey;
 }
 
 struct Run {
-    static constexpr std::uint32_t kCapacity = 60;
+    static constexpr std::uint32_t kCapacity = 48;
 
-    std::int64_t floor;
-    std::int64_t ceiling;
+    std::uint8_t order[kCapacity];  // the slot of each rank
+    std::uint64_t free_slots;       // a bit each
     std::uint32_t count;
     std::int64_t keys[kCapacity];
     Node* nodes[kCapacity];
-};
+    std::int64_t floor;
+    std::int64_t ceiling;
 
-// A place in the order: in front of what is at 'position' of 'run' now, or at the run's end.
+    Node& at(std::uint32_t rank) const { return *nodes[order[rank]]; }
+};
+static_assert(offsetof(Run, keys) == 64);
+
+// A place in the order: in front of what has 'rank' in 'run' now, or at the run's end.
 struct Slot {
     Run* run;
-    std::uint32_t position;
+    std::uint32_t rank;
 
     // The sibling behind the place, or null.
-    Node* next() const {
-        return position < run->count ? run->nodes[position] : run->nodes[run->count - 1]->next;
-    }
+    Node* next() const { return rank < run->count ? &run->at(rank) : run->at(run->count - 1).next; }
 };
 
 class Index {
@@ -65,6 +71,9 @@ class Index {
     static Index* make(const Parent& parent);
     static void free(Index* index);
 
+    // Have what remove(), and what find() and insert() need, brought from memory.
+    static void expect_removal(const Node& node);
+    void expect_insertion(std::int64_t key) const;
     // Where a node of this key goes: behind all that aren't above it. For exact keys.
     Slot find(std::int64_t key) const;
     Slot end() const;
@@ -73,10 +82,9 @@ class Index {
 
     // False when memory is short; the index is of no use then.
     [[nodiscard]] bool insert(Slot slot, Node& node);
-    // 'node' has its key still.
     void remove(Node& node);
     // Replaces the key of a node whose changed expiry leaves it in its place; false when memory is short.
-    [[nodiscard]] bool rekey(Node& node, const timespec& old_expiry);
+    [[nodiscard]] bool rekey(Node& node);
 
     // For tests: whether this is exactly the list of the parent's children, and the invariant holds.
     bool repeats(const Parent& parent) const;

@@ -9,6 +9,7 @@
 // Invariant, whenever the mutex is free: a node runs if and only if it is linked (the root: if it has a
 // child), siblings ascend, and a parent's expiry is its first child's. Locks: the tree's mutex, held by the
 // callers. Threads: any. Restart: nothing stays.
+#include <optional>
 #include <utility>
 
 #include "timers/qel_mgd_timer.hpp"
@@ -98,15 +99,10 @@ Node* walk_to_later(const Parent& parent, const timespec& expiry) {
 void link_indexed(Parent& parent, Node& node) {
     Index& index = *index_of(parent);
     const std::int64_t key = key_of(node.exptime);
-    if (!is_exact(key)) {
-        link_in_front_of(parent, node, walk_to_later(parent, node.exptime));
-        if (!index.insert(index.between_siblings(node), node)) give_up_index(parent);
-        return;
-    }
-    const bool is_last = order(parent.first_child->prev->exptime, node.exptime) <= 0;
-    const Slot slot = is_last ? index.end() : index.find(key);
-    link_in_front_of(parent, node, is_last ? nullptr : slot.next());
-    if (!index.insert(slot, node)) give_up_index(parent);
+    std::optional<Slot> slot;
+    if (is_exact(key)) slot = index.find(key);
+    link_in_front_of(parent, node, slot ? slot->next() : walk_to_later(parent, node.exptime));
+    if (!index.insert(slot ? *slot : index.between_siblings(node), node)) give_up_index(parent);
 }
 
 void link_unindexed(Parent& parent, Node& node) {
@@ -121,7 +117,6 @@ void link(Parent& parent, Node& node) {
     parent.index != nullptr ? link_indexed(parent, node) : link_unindexed(parent, node);
 }
 
-// 'node' has its expiry still.
 void unlink(Parent& parent, Node& node) {
     --parent.child_count;
     if (parent.index == nullptr)
@@ -131,6 +126,14 @@ void unlink(Parent& parent, Node& node) {
     else
         index_of(parent)->remove(node);
     unlink_from_list(parent, node);
+}
+
+// Nearly all the time of a change among very many leaves is spent waiting for memory. This asks at once for
+// what will be needed in turn.
+void expect_unlink(const Parent& parent, const Node& node) {
+    __builtin_prefetch(node.prev);
+    __builtin_prefetch(node.next);
+    if (parent.index != nullptr) Index::expect_removal(node);
 }
 
 // ---- One node among its siblings
@@ -147,9 +150,13 @@ void place(Parent& parent, Node& node, const timespec& expiry) {
     if (!is_linked(node)) {
         node.exptime = expiry;
         link(parent, node);
-    } else if (stays_in_place(parent, node, expiry)) {
-        const timespec old = std::exchange(node.exptime, expiry);
-        if (parent.index != nullptr && !index_of(parent)->rekey(node, old)) give_up_index(parent);
+        return;
+    }
+    expect_unlink(parent, node);
+    if (parent.index != nullptr) index_of(parent)->expect_insertion(key_of(expiry));
+    if (stays_in_place(parent, node, expiry)) {
+        node.exptime = expiry;
+        if (parent.index != nullptr && !index_of(parent)->rekey(node)) give_up_index(parent);
     } else {
         unlink(parent, node);
         node.exptime = expiry;
@@ -193,12 +200,14 @@ void delink_locked(Node& start) {
     while (is_linked(*node)) {
         Parent& parent = *node->parent;
         const bool was_first = parent.first_child == node;
+        expect_unlink(parent, *node);
         unlink(parent, *node);
         node->exptime = {};
         if (!was_first) return;
         node = &parent.node;
         if (parent.first_child != nullptr) {
             static_cast<void>(set_expiry_locked(*node, parent.first_child->exptime));  // Its callers adjust.
+            __builtin_prefetch(parent.first_child->next);
             return;
         }
     }
