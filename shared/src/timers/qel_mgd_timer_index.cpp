@@ -18,6 +18,7 @@ namespace qel::mgd {
 namespace {
 
 constexpr std::uint32_t kFirstEntries = 8;
+constexpr std::uint32_t kShortDirectory = 64;
 constexpr std::uint32_t kFillOnMaking = Run::kCapacity * 3 / 4;
 
 constexpr std::size_t kLine = 64;
@@ -106,7 +107,11 @@ void Index::free(Index* index) {
 // since nobody could foretell it.
 std::uint32_t Index::entry_for(std::int64_t key) const {
     const Entry* base = entries_ + begin_;
-    for (std::uint32_t count = end_ - begin_; count > 1;) {
+    std::uint32_t count = end_ - begin_;
+    // A short directory is brought as a whole, a long one as the search gets there.
+    for (std::uint32_t i = 0; i < std::min(count, kShortDirectory); i += kLine / sizeof *base)
+        __builtin_prefetch(base + i);
+    while (count > 1) {
         const std::uint32_t half = count / 2;
         base += half & (std::uint32_t{0} - static_cast<std::uint32_t>(base[half].floor <= key));
         count -= half;
@@ -125,6 +130,7 @@ Slot Index::find(std::int64_t key) const {
     expect_lines(run->nodes);
     const Slot slot{run, count_up_to(*run, key)};
     if (slot.rank > 0) __builtin_prefetch(&run->at(slot.rank - 1));
+    if (slot.rank < run->count) __builtin_prefetch(&run->at(slot.rank));
     return slot;
 }
 

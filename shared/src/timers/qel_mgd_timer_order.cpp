@@ -9,7 +9,6 @@
 // Invariant, whenever the mutex is free: a node runs if and only if it is linked (the root: if it has a
 // child), siblings ascend, and a parent's expiry is its first child's. Locks: the tree's mutex, held by the
 // callers. Threads: any. Restart: nothing stays.
-#include <optional>
 #include <utility>
 
 #include "timers/qel_mgd_timer.hpp"
@@ -96,13 +95,24 @@ Node* walk_to_later(const Parent& parent, const timespec& expiry) {
 
 // ---- Both
 
-void link_indexed(Parent& parent, Node& node) {
+// The index comes first, while the neighbours in the list are on their way from memory. Among expiries that
+// share a key only the list knows the place.
+bool link_by_index(Parent& parent, Node& node) {
     Index& index = *index_of(parent);
     const std::int64_t key = key_of(node.exptime);
-    std::optional<Slot> slot;
-    if (is_exact(key)) slot = index.find(key);
-    link_in_front_of(parent, node, slot ? slot->next() : walk_to_later(parent, node.exptime));
-    if (!index.insert(slot ? *slot : index.between_siblings(node), node)) give_up_index(parent);
+    if (is_exact(key)) {
+        const Slot slot = index.find(key);
+        Node* next = slot.next();
+        const bool inserted = index.insert(slot, node);
+        link_in_front_of(parent, node, next);
+        return inserted;
+    }
+    link_in_front_of(parent, node, walk_to_later(parent, node.exptime));
+    return index.insert(index.between_siblings(node), node);
+}
+
+void link_indexed(Parent& parent, Node& node) {
+    if (!link_by_index(parent, node)) give_up_index(parent);
 }
 
 void link_unindexed(Parent& parent, Node& node) {
