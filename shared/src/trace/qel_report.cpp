@@ -1,4 +1,5 @@
-// Buffers that are made on first need: the library's error buffer, and each family's event buffer.
+// Buffers that are made on first need: the library's error buffer, the common event buffer, and those of
+// single families.
 //
 // Several threads may need a buffer first at the same time. Each makes a handle, one installs its own by
 // compare-and-swap, and the others close theirs. To make a buffer takes parameters and shared memory, which
@@ -21,6 +22,9 @@ namespace qel {
 namespace {
 
 constexpr BufferSource kErrorBuffer{"qel.gen.buffer.errors", "qel.gen.buffer.errors.size", 327680};
+constexpr BufferSource kEventBuffer{"qel.gen.buffer.events", "qel.gen.buffer.events.size", 65536};
+
+constinit qel_dt_buffer_handle event_buffer = nullptr;
 
 constinit thread_local bool making_error_buffer = false;
 
@@ -58,6 +62,10 @@ qel_dt_buffer_handle make_error_buffer() {
     making_error_buffer = true;
     Undo made{[] { making_error_buffer = false; }};
     return make_buffer(qel_gen_error_buffer, kErrorBuffer);
+}
+
+qel_dt_buffer_handle common_event_buffer() {
+    return buffer_at(event_buffer, kEventBuffer);
 }
 
 }  // namespace qel

@@ -140,6 +140,10 @@ inline qel_dt_buffer_handle error_buffer() {
     return buffer != nullptr ? buffer : make_error_buffer();
 }
 
+// "qel.gen.buffer.events", for the events of families that have no buffer of their own; null while it can't
+// be made.
+qel_dt_buffer_handle common_event_buffer();
+
 // Puts 'errno' back at the end of a scope.
 class ErrnoKept {
   public:
