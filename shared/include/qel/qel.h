@@ -22,6 +22,7 @@
 #include <qel/ptimer.h>
 #include <qel/queue.h>
 #include <qel/shm.h>
+#include <qel/sm.h>
 #include <qel/thread.h>
 #include <qel/time.h>
 #include <qel/tw.h>
