@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The C program of each document compiles as it stands, runs, prints the text block behind it, and keeps its shared
-# memory below the root that it names. The one in the README stays short.
+# The C programs of each document compile as they stand, run, print the text blocks behind them, and keep their shared
+# memory below the root that they name. The one in the README stays short.
 #
 # usage: documents_test.sh SOURCE-FOLDER LIBRARY
 set -euo pipefail
@@ -10,18 +10,25 @@ work=$(mktemp -d)
 root=qeldocuments.$$.
 trap 'rm -rf "$work" /dev/shm/"$root"*' EXIT
 
-# block KIND DOCUMENT: the lines of the document's block of that kind.
+# block KIND NUMBER DOCUMENT: the lines of the document's block of that kind and number.
 block() {
-    awk -v start="^\`\`\`$1\$" '$0 ~ start { inside = 1; next } /^```$/ { inside = 0 } inside' "$2"
+    awk -v start="^\`\`\`$1\$" -v number="$2" \
+        '$0 ~ start { inside = ++seen == number; next } /^```$/ { inside = 0 } inside' "$3"
 }
 
-for document in "$source"/README.md "$source"/docs/guide/*.md; do
-    echo "$document"
-    block c "$document" | sed "s|\"qel.shm.root\", \"/|&$root|" >"$work/program.c"
+# runs NUMBER DOCUMENT: compiles and runs one program.
+runs() {
+    block c "$1" "$2" | sed "s|\"qel.shm.root\", \"/|&$root|" >"$work/program.c"
     grep -q "$root" "$work/program.c" || { echo "names no root of its own" && exit 1; }
     cc -std=c11 -D_POSIX_C_SOURCE=200809L -Wall -Wextra -Werror -I"$source/shared/include" "$work/program.c" "$library" \
         -o "$work/program" -pthread -Wl,-rpath,"$(dirname "$library")"
-    diff <("$work/program") <(block text "$document")
+    diff <("$work/program") <(block text "$1" "$2")
+}
+
+for document in "$source"/README.md "$source"/docs/guide/*.md; do
+    programs=$(grep -c '^```c$' "$document" || true)
+    echo "$document: $programs"
+    for number in $(seq "$programs"); do runs "$number" "$document"; done
 done
 
-[ "$(block c "$source/README.md" | wc -l)" -le 32 ] || { echo "the README's program has grown" && exit 1; }
+[ "$(block c 1 "$source/README.md" | wc -l)" -le 32 ] || { echo "the README's program has grown" && exit 1; }
