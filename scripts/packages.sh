@@ -5,7 +5,7 @@
 # shellcheck disable=SC2034 # need() reads the lists through their names
 
 packages_build="g++ cmake ninja-build"
-packages_demo="iproute2"
+packages_demo="iproute2 gnuplot-nox libuv1-dev libevent-dev pkg-config"
 packages_test="libgtest-dev libgmock-dev pkg-config python3 iproute2 spin"
 packages_lint="clang clang-format git python3"
 packages_docs="doxygen"
