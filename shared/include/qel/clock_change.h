@@ -16,7 +16,8 @@
  * When the dispatcher that has the timer is destroyed, the timer moves to another one with the next
  * registration or deregistration; what changed in the meantime is told then. So deregister first.
  *
- * Threads: both calls may be made from any thread and from inside any handler. Handlers run without a lock. */
+ * Threads: both calls may be made from any thread and from inside any handler. Handlers run without a lock.
+ */
 #ifndef QEL_CLOCK_CHANGE_H
 #define QEL_CLOCK_CHANGE_H
 
@@ -28,16 +29,16 @@ QEL_BEGIN_DECLS
 typedef void (*qel_time_clock_change_handler)(uint64_t id, qel_dm_handle dm, void* context);
 
 /**
- * Registers a handler. 'id' receives the number of the registration; the first one of a process is 0, and none
- * comes twice. 'context' is handed through.
+ * Registers a handler. 'id' receives the number of the registration; the first one of a process is 0, and
+ * none comes twice. 'context' is handed through.
  *
  * Returns 0; EINVAL for a null 'id' or 'handler' and for a 'dm' that isn't a dispatcher; ENOMEM; an error of
  * qel_dm_timer_register() or qel_dm_timer_settime(). */
 QEL_API int qel_time_clock_change_register(uint64_t* id, qel_dm_handle dm,
                                            qel_time_clock_change_handler handler, void* context);
 
-/** Ends a registration; an unknown 'id' is nothing to do. No call of its handler begins any more, but one that
- * has begun on another thread may still run. */
+/** Ends a registration; an unknown 'id' is nothing to do. No call of its handler begins any more, but one
+ * that has begun on another thread may still run. */
 QEL_API void qel_time_clock_change_deregister(uint64_t id);
 
 QEL_END_DECLS

@@ -15,21 +15,21 @@
  *     qel_tw_timer_start(wheel, &session->hold, 30000, expired, session);
  *
  * A wheel has one of two modes. In QEL_TW_MODE_CALLBACK each timer brings handler and context. In
- * QEL_TW_MODE_BASIC timers are small: one global handler takes all of them, or a timer's type, kept in the low
- * bits of its 'time', selects the handler from a table. Timers start out zeroed.
+ * QEL_TW_MODE_BASIC timers are small: one global handler takes all of them, or a timer's type, kept in the
+ * low bits of its 'time', selects the handler from a table. Timers start out zeroed.
  *
  * A timer fires at the present tick plus its delay in ticks, rounded up: not early by rounding, and up to one
  * granularity before the delay is over, because the present tick began in the past. A delay of 0 fires when
- * the wheel comes back to the present slot, that is one tick for each slot of the lowest level later. Timers of
- * one tick fire in the order in which they came into its slot of the lowest level; those that were started
+ * the wheel comes back to the present slot, that is one tick for each slot of the lowest level later. Timers
+ * of one tick fire in the order in which they came into its slot of the lowest level; those that were started
  * in the same tick so fire in the order of their starts.
  *
  * Threads: every call but qel_tw_timer_stop() and qel_tw_timer_basic_stop() may be made from any thread and
  * from inside any handler. Handlers run without a lock, with their timer stopped: they may start and stop any
  * timer, tick, attach, detach or destroy the wheel, and end their thread, which loses no other timer. Where
  * several threads tick, handlers run side by side. A handler that a thread has begun to call when another one
- * stops its timer, detaches or destroys still runs. Nobody may be inside a call on a wheel that another thread
- * destroys, but those whose handler the wheel runs.
+ * stops its timer, detaches or destroys still runs. Nobody may be inside a call on a wheel that another
+ * thread destroys, but those whose handler the wheel runs.
  *
  * Results are plain errno numbers. EINVAL stands for a null argument, for a wheel of the other mode and for
  * one that was destroyed by the handler that asks; the single calls repeat it only where they add to that. */
@@ -83,8 +83,8 @@ typedef struct qel_tw_type_row {
  * 'global_handler' is for the basic mode too, or null. With 'catch_up' a late dispatcher makes up for missed
  * ticks; without it time on the wheel falls behind.
  *
- * Returns 0; EINVAL for a null 'out', for '*out' that isn't null and for the numbers named above; ENOMEM, also
- * when 65,536 wheels exist; an error of the mutex. */
+ * Returns 0; EINVAL for a null 'out', for '*out' that isn't null and for the numbers named above; ENOMEM,
+ * also when 65,536 wheels exist; an error of the mutex. */
 QEL_API int qel_tw_init_wheel(qel_tw* out, uint32_t granularity, uint32_t longest_delay, uint32_t max_types,
                               uint32_t mode, qel_tw_basic_handler global_handler, int catch_up);
 
@@ -108,8 +108,8 @@ QEL_API int qel_tw_tick(qel_tw wheel);
 QEL_API uint32_t qel_tw_granularity(qel_tw wheel);
 
 /**
- * Puts a handler into the row of 'type' of a basic wheel's table; null empties the row. A table must have been
- * loaded. Type t has row (t - 1) modulo the wheel's max_types.
+ * Puts a handler into the row of 'type' of a basic wheel's table; null empties the row. A table must have
+ * been loaded. Type t has row (t - 1) modulo the wheel's max_types.
  *
  * Returns 0; EINVAL, also for type 0, without a table and with a global handler; EEXIST if another type has
  * the row. */
