@@ -42,15 +42,15 @@ constexpr bool is_exact(std::int64_t key) {
 }
 
 struct Run {
-    static constexpr std::uint32_t kCapacity = 48;
+    static constexpr std::uint32_t kCapacity = 32;
 
     std::uint8_t order[kCapacity];  // the slot of each rank
     std::uint64_t free_slots;       // a bit each
     std::uint32_t count;
-    std::int64_t keys[kCapacity];
-    Node* nodes[kCapacity];
     std::int64_t floor;
     std::int64_t ceiling;
+    std::int64_t keys[kCapacity];
+    Node* nodes[kCapacity];
 
     Node& at(std::uint32_t rank) const { return *nodes[order[rank]]; }
 };
@@ -61,6 +61,7 @@ struct Slot {
     Run* run;
     std::uint32_t rank;
 
+    bool is_inside() const { return rank > 0 && rank < run->count; }
     // The sibling behind the place, or null.
     Node* next() const { return rank < run->count ? &run->at(rank) : run->at(run->count - 1).next; }
 };
@@ -72,7 +73,7 @@ class Index {
     static void free(Index* index);
 
     // Have what remove(), and what find() and insert() need, brought from memory.
-    static void expect_removal(const Node& node);
+    void expect_removal(const Node& node) const;
     void expect_insertion(std::int64_t key) const;
     // Where a node of this key goes: behind all that aren't above it. For exact keys.
     Slot find(std::int64_t key) const;
@@ -95,6 +96,7 @@ class Index {
         Run* run;
     };
 
+    bool is_at_hand() const;
     std::uint32_t entry_for(std::int64_t key) const;
     std::uint32_t entry_of(const Run& run) const;
     bool make_room();

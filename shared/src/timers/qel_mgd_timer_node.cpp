@@ -105,6 +105,7 @@ int check_start(const Leaf* leaf, const Request& request) {
 }
 
 int start(Leaf* leaf, const Request& request) {
+    expect_node(node_at(leaf));
     if (int error = check_start(leaf, request); error != 0) return error;
     // The clock is read before the mutex is taken, so that nobody waits for the reading.
     const timespec now = monotonic_now();
@@ -123,6 +124,7 @@ constexpr std::uint64_t at_least_one(std::uint64_t milliseconds) {
 // ---- Stopping
 
 int stop_leaf(Leaf* leaf) {
+    expect_node(node_at(leaf));
     Held held{leaf};
     if (!held) return EINVAL;
     if (!is_leaf(leaf->node))

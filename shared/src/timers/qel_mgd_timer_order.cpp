@@ -65,6 +65,13 @@ void link_in_front_of(Parent& parent, Node& node, Node* next) {
         node.prev->next = &node;
 }
 
+// Between two siblings, which are written and not read: nothing waits for them to come from memory.
+void link_between(Node& prev, Node& node, Node& next) {
+    node.prev = &prev;
+    node.next = &next;
+    prev.next = next.prev = &node;
+}
+
 void unlink_from_list(Parent& parent, Node& node) {
     if (parent.first_child == &node)
         parent.first_child = node.next;
@@ -102,6 +109,10 @@ bool link_by_index(Parent& parent, Node& node) {
     const std::int64_t key = key_of(node.exptime);
     if (is_exact(key)) {
         const Slot slot = index.find(key);
+        if (slot.is_inside()) {
+            link_between(slot.run->at(slot.rank - 1), node, slot.run->at(slot.rank));
+            return index.insert(slot, node);
+        }
         Node* next = slot.next();
         const bool inserted = index.insert(slot, node);
         link_in_front_of(parent, node, next);
@@ -143,14 +154,14 @@ void unlink(Parent& parent, Node& node) {
 void expect_unlink(const Parent& parent, const Node& node) {
     __builtin_prefetch(node.prev);
     __builtin_prefetch(node.next);
-    if (parent.index != nullptr) Index::expect_removal(node);
+    if (parent.index != nullptr) index_of(parent)->expect_removal(node);
 }
 
 // ---- One node among its siblings
 
 // True if a running node may expire at 'expiry' and stay where it is.
 bool stays_in_place(const Parent& parent, const Node& node, const timespec& expiry) {
-    if (parent.first_child == &node) return false;
+    if (parent.first_child == &node) return node.next == nullptr || order(expiry, node.next->exptime) < 0;
     if (order(node.exptime, expiry) == 0) return true;
     return order(node.prev->exptime, expiry) < 0 &&
            (node.next == nullptr || order(expiry, node.next->exptime) <= 0);
@@ -216,8 +227,8 @@ void delink_locked(Node& start) {
         if (!was_first) return;
         node = &parent.node;
         if (parent.first_child != nullptr) {
+            expect_node(parent.first_child->next);
             static_cast<void>(set_expiry_locked(*node, parent.first_child->exptime));  // Its callers adjust.
-            __builtin_prefetch(parent.first_child->next);
             return;
         }
     }
