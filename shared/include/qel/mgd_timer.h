@@ -48,12 +48,15 @@ QEL_BEGIN_DECLS
 #define QEL_MGD_TIMER_TREE 0x2u       /**< flag of a tree's root */
 
 /** Values of a tree's 'attach_state'. */
-#define QEL_MGD_TIMER_DETACHED 0u
+#define QEL_MGD_TIMER_DETACHED 0u          /**< on no dispatcher */
 #define QEL_MGD_TIMER_ATTACHED 1u          /**< with a handler */
 #define QEL_MGD_TIMER_ATTACHED_EXPLICIT 2u /**< for explicit dispatch */
 
+/** A group of leaves and other groups. */
 typedef struct qel_mgd_timer_parent qel_mgd_timer_parent;
+/** A tree: a parent that is its own tree. */
 typedef struct qel_mgd_timer_tree qel_mgd_timer_tree;
+/** A timer. */
 typedef struct qel_mgd_timer_leaf qel_mgd_timer_leaf;
 
 /** What all nodes begin with. To be read under the tree's mutex, and written by the library only. */
@@ -70,21 +73,21 @@ typedef struct qel_mgd_timer {
 
 /** A group of leaves and other groups. */
 struct qel_mgd_timer_parent {
-    qel_mgd_timer node;
+    qel_mgd_timer node;         /**< what all nodes begin with */
     qel_mgd_timer* first_child; /**< the running child that expires first */
-    qel_mgd_timer_tree* tree;
-    void* place;          /**< private: where this node is in its parent's index */
-    void* index;          /**< private: the index beside the children */
-    uint32_t child_count; /**< private: running children */
-    uint32_t index_from;  /**< private: how many children there must be to try for an index again */
+    qel_mgd_timer_tree* tree;   /**< the tree that it was initialised for */
+    void* place;                /**< private: where this node is in its parent's index */
+    void* index;                /**< private: the index beside the children */
+    uint32_t child_count;       /**< private: running children */
+    uint32_t index_from;        /**< private: how many children there must be to try for an index again */
 };
 
 /** A timer. */
 struct qel_mgd_timer_leaf {
-    qel_mgd_timer node;
-    qel_mgd_timer_tree* tree;
-    void* context;
-    void* place; /**< private: where this node is in its parent's index */
+    qel_mgd_timer node;       /**< what all nodes begin with */
+    qel_mgd_timer_tree* tree; /**< the tree that it was initialised for */
+    void* context;            /**< the application's, handed to the tree's handler */
+    void* place;              /**< private: where this node is in its parent's index */
 };
 
 /** Called for a leaf that ran out, which is stopped by then. 'context' is the leaf's. */
@@ -92,17 +95,17 @@ typedef void (*qel_mgd_timer_handler)(qel_mgd_timer_tree* tree, qel_mgd_timer_le
 
 /** A tree: a parent that is its own tree. */
 struct qel_mgd_timer_tree {
-    qel_mgd_timer_parent root;
-    pthread_mutex_t mutex;
-    void* context;         /**< the tree's context, the application's */
-    uint32_t attach_state; /**< QEL_MGD_TIMER_DETACHED and so on */
-    qel_dm_handle dispatcher;
-    qel_dm_timer dm_timer;
-    qel_mgd_timer_handler handler;
-    uint32_t xd_event_id;
-    uint8_t in_handler;  /**< set while expired leaves are handled */
-    uint32_t attachment; /**< private: the number that 'dm_timer' carries */
-    qel_ptimer armed;    /**< private: the expiry that 'dm_timer' was set for; zeros: it is stopped */
+    qel_mgd_timer_parent root;     /**< the tree as a node; its expiry is the earliest leaf's */
+    pthread_mutex_t mutex;         /**< guards all nodes of the tree */
+    void* context;                 /**< the tree's context, the application's */
+    uint32_t attach_state;         /**< QEL_MGD_TIMER_DETACHED and so on */
+    qel_dm_handle dispatcher;      /**< 0 while detached */
+    qel_dm_timer dm_timer;         /**< its timer for the whole tree */
+    qel_mgd_timer_handler handler; /**< null for explicit dispatch */
+    uint32_t xd_event_id;          /**< ID of QEL_DM_XD_TIMER_TREE in explicit dispatch */
+    uint8_t in_handler;            /**< set while expired leaves are handled */
+    uint32_t attachment;           /**< private: the number that 'dm_timer' carries */
+    qel_ptimer armed; /**< private: the expiry that 'dm_timer' was set for; zeros: it is stopped */
 };
 
 /* ---- Trees */

@@ -59,9 +59,9 @@ QEL_BEGIN_DECLS
 #define QEL_SM_EVENT_PERSISTENT 0x8000u
 
 /* Flags of a state: which of the library's events its table has a row for. */
-#define QEL_SM_STATE_HAS_IDLE 0x1u
-#define QEL_SM_STATE_HAS_ENTER 0x2u
-#define QEL_SM_STATE_HAS_EXIT 0x4u
+#define QEL_SM_STATE_HAS_IDLE 0x1u  /**< QEL_SM_EVENT_IDLE */
+#define QEL_SM_STATE_HAS_ENTER 0x2u /**< QEL_SM_EVENT_ENTER */
+#define QEL_SM_STATE_HAS_EXIT 0x4u  /**< QEL_SM_EVENT_EXIT */
 
 #define QEL_SM_PREPARED 0x1u /**< flag of a definition; the library sets it */
 #define QEL_SM_TRACE 0x1u    /**< flag of a machine: log each step */
@@ -75,25 +75,26 @@ typedef void (*qel_sm_action)(qel_sm machine, void* context);
 /** Gives a text that tells this machine from others in logs; it is read before the next call on the machine.
  * Null counts as "". Only called to make such a text; it must not change the machine. */
 typedef const char* (*qel_sm_info)(void* context, qel_sm machine);
+/** A state. */
 typedef struct qel_sm_state qel_sm_state;
 
 /** An event; its number is its row in the definition's table. */
 typedef struct qel_sm_event {
-    const char* name;
-    uint32_t flags; /**< QEL_SM_EVENT_IGNORABLE, QEL_SM_EVENT_PERSISTENT */
+    const char* name; /**< for the logs */
+    uint32_t flags;   /**< QEL_SM_EVENT_IGNORABLE, QEL_SM_EVENT_PERSISTENT */
 } qel_sm_event;
 
 /** A row of a state's table: on 'event', go to 'next' and run 'action'. */
 typedef struct qel_sm_transition {
-    const qel_sm_state* next;
-    uint32_t event;
+    const qel_sm_state* next; /**< the state to go to, which may be the present one */
+    uint32_t event;       /**< a number below 'event_count', or one of QEL_SM_EVENT_IDLE, _ENTER and _EXIT */
     qel_sm_action action; /**< never null, save in the row that ends the table */
 } qel_sm_transition;
 
 /** A state. */
 struct qel_sm_state {
-    uint32_t id; /**< any number of the application's */
-    const char* name;
+    uint32_t id;                          /**< any number of the application's */
+    const char* name;                     /**< for the logs */
     const qel_sm_transition* transitions; /**< ended by a row with a null action */
     uint32_t flags;                       /**< QEL_SM_STATE_HAS_* */
     const qel_sm_transition* idle;        /**< the library's */
@@ -103,10 +104,10 @@ struct qel_sm_state {
 
 /** All that machines of one kind share. It and what it points at must outlive them. */
 typedef struct qel_sm_definition {
-    const char* name;
-    uint32_t event_count; /**< at most QEL_SM_EVENT_EXIT */
-    const qel_sm_event* events;
-    uint32_t state_count;
+    const char* name;            /**< for the logs */
+    uint32_t event_count;        /**< at most QEL_SM_EVENT_EXIT */
+    const qel_sm_event* events;  /**< 'event_count' rows; may be null for none */
+    uint32_t state_count;        /**< at least 1 */
     qel_sm_state* const* states; /**< 'state_count' states, then null */
     const qel_sm_state* initial; /**< one of 'states'; null for the first */
     uint32_t flags;              /**< 0; QEL_SM_PREPARED is the library's */

@@ -62,16 +62,17 @@ typedef void (*qel_tw_basic_handler)(qel_tw_timer_basic* timer);
 /** A timer of a callback wheel that ran out. */
 typedef void (*qel_tw_handler)(qel_tw wheel, qel_tw_timer* timer, void* context);
 
+/** A timer of a callback wheel, as memory. */
 struct qel_tw_timer {
-    qel_tw_timer_basic basic;
-    qel_tw_handler handler;
-    void* context;
+    qel_tw_timer_basic basic; /**< what it has in common with the basic form */
+    qel_tw_handler handler;   /**< stored by the start */
+    void* context;            /**< stored by the start, handed to the handler */
 };
 
 /** A row of the table that qel_tw_load_table() reads. */
 typedef struct qel_tw_type_row {
-    uint8_t type; /**< 0 ends the table */
-    qel_tw_basic_handler handler;
+    uint8_t type;                 /**< 0 ends the table */
+    qel_tw_basic_handler handler; /**< for timers of that type; null for none */
 } qel_tw_type_row;
 
 /**
