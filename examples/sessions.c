@@ -375,10 +375,11 @@ static int run_sessions(struct run* run) {
     /* Returns when the last handler has: from then on nothing changes. */
     must(qel_dm_destroy(&run->dispatcher), "end of the dispatcher");
     cpu = now_ns(CLOCK_PROCESS_CPUTIME_ID) - cpu;
+    double seconds = (double)(now_ns(CLOCK_MONOTONIC) - begun) * 1e-9;
 
     add_up(run, &total);
     bool sound = check(run, &total);
-    print_timing(run, &total.lateness, (double)(now_ns(CLOCK_MONOTONIC) - begun) * 1e-9, (double)cpu * 1e-9);
+    print_timing(run, &total.lateness, seconds, (double)cpu * 1e-9);
     if (run->plot != NULL)
         sound &= holds(lateness_plot(&total.lateness, run->plot, run->calls->name), "gnuplot draws");
     free_all(run);

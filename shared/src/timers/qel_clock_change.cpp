@@ -103,6 +103,8 @@ void tell_if_changed_locked() QEL_REQUIRES(clock_change_mutex) {
     for (const Registration* at = newest; at != nullptr; at = at->next)
         if (int error = qel_dm_execute(at->dispatcher, tell, at->id, 0); error != 0)
             report<"CLK3", "%s clock change not told to id=%lu rc=%d">(at->id, error);
+    // Told once, also when the timer can't be set again.
+    appointment = {realtime_now(), monotonic_now()};
 }
 
 // ---- Watching
