@@ -31,8 +31,9 @@
  * stops its timer, detaches or destroys still runs. Nobody may be inside a call on a wheel that another
  * thread destroys, but those whose handler the wheel runs.
  *
- * Results are plain errno numbers. EINVAL stands for a null argument, for a wheel of the other mode and for
- * one that was destroyed by the handler that asks; the single calls repeat it only where they add to that. */
+ * Results are plain errno numbers. EINVAL stands for a null argument and, but for the stops, for a wheel of
+ * the other mode where the mode matters, and for one that was destroyed by the handler that asks; the single
+ * calls repeat it only where they add to that. */
 #ifndef QEL_TW_H
 #define QEL_TW_H
 
@@ -116,8 +117,8 @@ QEL_API uint32_t qel_tw_granularity(qel_tw wheel);
  * the row. */
 QEL_API int qel_tw_set_handler(qel_tw wheel, uint8_t type, qel_tw_basic_handler handler);
 
-/** The handler of 'type', 1 to max_types - 1; null for other types, an empty row and a wheel with a global
- * handler. */
+/** The handler of 'type', 1 to max_types - 1; null for null, other types, an empty row, and a wheel with a
+ * global handler or without a table, as a callback wheel is. */
 QEL_API qel_tw_basic_handler qel_tw_get_handler(qel_tw wheel, uint8_t type);
 
 /**
@@ -149,7 +150,8 @@ QEL_API int qel_tw_timer_basic_stop(qel_tw_timer_basic* timer);
 /** The same for a timer of a callback wheel. */
 QEL_API int qel_tw_timer_stop(qel_tw_timer* timer);
 
-/** Stops a timer, running or not, from any thread. Returns 0 or EINVAL. */
+/** Stops a timer, running or not, from any thread. Returns 0, also on a wheel that is destroyed, which has
+ * stopped its timers; EINVAL for null. */
 QEL_API int qel_tw_timer_basic_stop_r(qel_tw wheel, qel_tw_timer_basic* timer);
 /** The same for a timer of a callback wheel. */
 QEL_API int qel_tw_timer_stop_r(qel_tw wheel, qel_tw_timer* timer);
