@@ -84,11 +84,22 @@ struct Request {
     std::uint32_t jitter_percent;  // of which 0 leaves the time as it is
 };
 
-timespec expiry_of(const Leaf& leaf, const Request& request, const timespec& now) {
+// What the clocks show as a start begins, both before it may wait for the mutex.
+struct Moment {
+    timespec monotonic;
+    timespec real;  // read for 'at_real_time' only
+};
+
+Moment moment_for(Start start) {
+    return {monotonic_now(), start == Start::at_real_time ? realtime_now() : timespec{}};
+}
+
+timespec expiry_of(const Leaf& leaf, const Request& request, const Moment& moment) {
     timespec time = request.time;
     if (request.jitter_percent != 0)
         qel_time_calculate_jitter(&time, request.jitter_percent, QEL_TIME_JITTER_SUBTRACT);
-    if (request.start == Start::at_real_time) time = subtract(time, realtime_now());
+    if (request.start == Start::at_real_time) time = subtract(time, moment.real);
+    const timespec& now = moment.monotonic;
     return kept_running(add(request.start == Start::from_old_expiry ? leaf.node.exptime : now, time));
 }
 
@@ -108,12 +119,13 @@ int start(Leaf* leaf, const Request& request) {
     expect_node(node_at(leaf));
     if (int error = check_start(leaf, request); error != 0) return error;
     // The clock is read before the mutex is taken, so that nobody waits for the reading.
-    const timespec now = monotonic_now();
+    const Moment now = moment_for(request.start);
     Held held{leaf};
     if (!held) return EINVAL;
     event<"MTMR18", "QEL-MTMR-INFO: leaf (%p) type %d started">(event_buffer(), QEL_DT_LEVEL_INFO, leaf,
                                                                 int{leaf->node.type});
-    if (set_expiry_locked(leaf->node, expiry_of(*leaf, request, now))) adjust_locked(held.tree(), &now);
+    if (set_expiry_locked(leaf->node, expiry_of(*leaf, request, now)))
+        adjust_locked(held.tree(), &now.monotonic);
     return 0;
 }
 
