@@ -101,6 +101,12 @@ TEST(MgdTimer, refuses_what_is_not_initialised_or_of_the_wrong_kind) {
     EXPECT_EQ(qel_mgd_timer_attach_qdm(&tree, 0, run_script), EINVAL);
     EXPECT_EQ(qel_mgd_timer_attach_qdm(&tree, 12345, nullptr), EINVAL);
     EXPECT_EQ(qel_mgd_timer_attach_qdm(&tree, 0, nullptr), 0) << "detaches";
+    ASSERT_EQ(qel_mgd_timer_leaf_init(&tree, &parent, &blank, 0, nullptr), 0);
+    EXPECT_EQ(qel_mgd_timer_parent_uninit(&parent), 0);
+    EXPECT_EQ(qel_mgd_timer_leaf_start(&blank, 1), EINVAL) << "its parent's next init would break the tree";
+    EXPECT_EQ(qel_mgd_timer_parent_init(&tree, nullptr, &parent), 0);
+    EXPECT_EQ(qel_mgd_timer_leaf_start(&blank, 1), 0);
+    EXPECT_EQ(qel_mgd_timer_leaf_stop(&blank), 0);
 }
 
 TEST(MgdTimer, siblings_and_parents_show_their_order) {

@@ -200,7 +200,8 @@ QEL_API int qel_mgd_timer_parent_init(qel_mgd_timer_tree* tree, qel_mgd_timer_pa
 QEL_API qel_mgd_timer_parent* qel_mgd_timer_parent_alloc(qel_mgd_timer_tree* tree,
                                                          qel_mgd_timer_parent* parent);
 
-/** Stops all leaves below; the parent is not initialised from now on. Returns 0; EINVAL. */
+/** Stops all leaves below; the parent is not initialised from now on, and leaves below it can't be started.
+ * Returns 0; EINVAL. */
 QEL_API int qel_mgd_timer_parent_uninit(qel_mgd_timer_parent* node);
 
 /** Uninitialises and frees a parent of qel_mgd_timer_parent_alloc(), and clears the pointer. Its children are
@@ -247,7 +248,8 @@ QEL_API void qel_mgd_timer_leaf_set_context(qel_mgd_timer_leaf* leaf, void* cont
 /** The leaf's context, or null. */
 QEL_API void* qel_mgd_timer_leaf_get_context(qel_mgd_timer_leaf* leaf);
 
-/** Starts or restarts the leaf to expire 'milliseconds' from now; 0 counts as 1. Returns 0; EINVAL. */
+/** Starts or restarts the leaf to expire 'milliseconds' from now; 0 counts as 1. Returns 0; EINVAL, as the
+ * other starts, also if a parent above it isn't initialised. */
 QEL_API int qel_mgd_timer_leaf_start(qel_mgd_timer_leaf* leaf, uint64_t milliseconds);
 
 /** The same with the delay shortened at random by up to 'percent' of it; see qel_time_calculate_jitter(),
@@ -256,8 +258,9 @@ QEL_API int qel_mgd_timer_leaf_start_jittered(qel_mgd_timer_leaf* leaf, uint32_t
                                               uint32_t percent);
 
 /** Moves the leaf's expiry on by 'milliseconds', whatever the clock says: the next period of a timer that
- * doesn't drift. A leaf that is stopped, as in its handler, has no expiry to go on from, and is due at once.
- * Returns 0; EINVAL, also for 0 milliseconds. */
+ * doesn't drift. A leaf that is stopped, as in its handler, goes on from zero of the monotonic clock: it is
+ * due at once, unless the system has been up for less than 'milliseconds'. Returns 0; EINVAL, also for 0
+ * milliseconds. */
 QEL_API int qel_mgd_timer_leaf_update(qel_mgd_timer_leaf* leaf, uint32_t milliseconds);
 
 /** The same with a delay shortened at random. */

@@ -115,6 +115,18 @@ int check_start(const Leaf* leaf, const Request& request) {
     return 0;
 }
 
+// A parent that starts to run must be initialised, or its next init would wipe the links that it is in. One
+// that runs is, and so are those above it.
+int check_parents_locked(const Leaf& leaf) {
+    for (const Parent* at = leaf.node.parent; at != nullptr && !is_running(at->node.exptime);
+         at = at->node.parent)
+        if (!is_initialised(at->node))
+            return failed<"MTMR21",
+                          "QEL-MTMR-ERROR: leaf (%p) start attempted under uninitialized parent (%p)">(
+                EINVAL, &leaf, at);
+    return 0;
+}
+
 int start(Leaf* leaf, const Request& request) {
     expect_node(node_at(leaf));
     if (int error = check_start(leaf, request); error != 0) return error;
@@ -122,6 +134,7 @@ int start(Leaf* leaf, const Request& request) {
     const Moment now = moment_for(request.start);
     Held held{leaf};
     if (!held) return EINVAL;
+    if (int error = check_parents_locked(*leaf); error != 0) return error;
     event<"MTMR18", "QEL-MTMR-INFO: leaf (%p) type %d started">(event_buffer(), QEL_DT_LEVEL_INFO, leaf,
                                                                 int{leaf->node.type});
     if (set_expiry_locked(leaf->node, expiry_of(*leaf, request, now)))
