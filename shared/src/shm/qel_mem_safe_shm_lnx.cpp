@@ -29,6 +29,13 @@ int last_error(int result) {
     return result == 0 ? 0 : errno;
 }
 
+int open_with(const char* path, int flags, Fd& out) {
+    int descriptor = shm_open(path, flags, kEverybody);
+    if (descriptor < 0) return errno;
+    out.reset(descriptor);
+    return 0;
+}
+
 int reserve_piece(const Fd& object, std::uint32_t offset, std::uint32_t size) {
     int error = 0;
     do error = last_error(fallocate(object.get(), FALLOC_FL_KEEP_SIZE, offset, size));
@@ -46,20 +53,36 @@ int reserve(const Fd& object, std::uint32_t size) {
     return error == EOPNOTSUPP ? 0 : error;
 }
 
+// A word of the C library's record, wherever that lies.
+int word_at(const PlacedMutex& mutex, std::size_t offset) {
+    const void* word = reinterpret_cast<const std::byte*>(&mutex) + offset;
+    return __atomic_load_n(static_cast<const int*>(word), __ATOMIC_RELAXED);
+}
+
 }  // namespace
 
 int open_object(const char* path, Fd& out) {
-    int descriptor = shm_open(path, O_RDWR, kEverybody);
-    if (descriptor < 0) return errno;
-    out.reset(descriptor);
+    return open_with(path, O_RDWR, out);
+}
+
+int open_object_to_read(const char* path, Fd& out) {
+    return open_with(path, O_RDONLY, out);
+}
+
+int read_object(const Fd& object, std::uint64_t offset, std::span<std::byte> out) {
+    while (!out.empty()) {
+        ssize_t got = pread(object.get(), out.data(), out.size(), static_cast<off_t>(offset));
+        if (got < 0 && errno != EINTR) return errno;
+        if (got == 0) return ENODATA;
+        auto bytes = static_cast<std::size_t>(std::max<ssize_t>(got, 0));
+        out = out.subspan(bytes);
+        offset += bytes;
+    }
     return 0;
 }
 
 int create_object(const char* path, Fd& out) {
-    int descriptor = shm_open(path, O_RDWR | O_CREAT | O_EXCL, kEverybody);
-    if (descriptor < 0) return errno;
-    out.reset(descriptor);
-    return 0;
+    return open_with(path, O_RDWR | O_CREAT | O_EXCL, out);
 }
 
 int grant_to_everybody(const Fd& object) {
@@ -102,26 +125,45 @@ void remove_if_same(const char* path, const Identity& identity) {
     if (status.identity == identity) static_cast<void>(remove_object(path));
 }
 
-bool is_plain(const pthread_mutex_t& mutex) {
-    // Type, robust, priority inheritance, priority ceiling; the bits above tell where and how to wait.
-    constexpr int kMoreThanTheWord = 0x7f;
-    return (__atomic_load_n(&mutex.__data.__kind, __ATOMIC_RELAXED) & kMoreThanTheWord) == 0;
+bool is_plain(const PlacedMutex& mutex) {
+    // Type, robust, priority inheritance, priority ceiling, elision, whose instructions not every processor
+    // has. The other bits tell where to wait.
+    constexpr int kMoreThanTheWord = 0x17f;
+    return (word_at(mutex, offsetof(pthread_mutex_t, __data.__kind)) & kMoreThanTheWord) == 0;
 }
 
-int lock_for(pthread_mutex_t& mutex, std::uint32_t milliseconds) {
+int lock_for(PlacedMutex& mutex, std::uint32_t milliseconds) {
 #if defined(__SANITIZE_THREAD__)
     // The tool follows this form only.
     timespec deadline = add(realtime_now(), from_milliseconds(milliseconds));
-    return pthread_mutex_timedlock(&mutex, &deadline);
+    return pthread_mutex_timedlock(native(mutex), &deadline);
 #else
     timespec deadline = add(monotonic_now(), from_milliseconds(milliseconds));
-    return pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &deadline);
+    return pthread_mutex_clocklock(native(mutex), CLOCK_MONOTONIC, &deadline);
 #endif
 }
 
-std::uint32_t holder_of(const pthread_mutex_t& mutex) {
-    int holder = __atomic_load_n(&mutex.__data.__owner, __ATOMIC_RELAXED);
-    return static_cast<std::uint32_t>(holder);
+bool is_free(const PlacedMutex& mutex) {
+    return word_at(mutex, offsetof(pthread_mutex_t, __data.__lock)) == 0;
+}
+
+std::uint32_t holder_of(const PlacedMutex& mutex) {
+    return static_cast<std::uint32_t>(word_at(mutex, offsetof(pthread_mutex_t, __data.__owner)));
+}
+
+bool has_processors() {
+    static constinit std::atomic<long> online{0};
+    long count = online.load(std::memory_order_relaxed);
+    if (count == 0) online.store(count = sysconf(_SC_NPROCESSORS_ONLN), std::memory_order_relaxed);
+    return count > 1;
+}
+
+void pause_spinning() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("isb" ::: "memory");
+#endif
 }
 
 bool thread_exists(std::uint32_t thread) {

@@ -8,9 +8,18 @@
 
 #include <pthread.h>
 
+#include <span>
+
 #include "core/qel_fd.hpp"
 
 namespace qel::shm_platform {
+
+// A mutex wherever a format puts it: behind a safe segment's header of 12 bytes that is 4 modulo 8, and the C
+// library needs no more, as the words of a plain mutex are ints.
+typedef pthread_mutex_t PlacedMutex __attribute__((aligned(4)));
+inline pthread_mutex_t* native(PlacedMutex& mutex) {
+    return static_cast<pthread_mutex_t*>(static_cast<void*>(&mutex));
+}
 
 // Tells two objects apart that had one name at different times.
 struct Identity {
@@ -34,6 +43,11 @@ int grant_to_everybody(const Fd& object);
 
 int inspect(const Fd& object, Status& out);
 
+// For those who only look: an object that can't be written or mapped through the descriptor, and a copy of
+// its bytes. ENODATA where the object ends before them.
+int open_object_to_read(const char* path, Fd& out);
+int read_object(const Fd& object, std::uint64_t offset, std::span<std::byte> out);
+
 // Gives the object its size in one step, with the memory behind it reserved first if 'reserved' says so:
 // ENOSPC when the file system is full, where the first touch of a page would be a SIGBUS.
 int set_size(const Fd& object, std::uint32_t size, bool reserved);
@@ -48,11 +62,17 @@ void remove_if_same(const char* path, const Identity& identity);
 // Whether the mutex is nothing but its lock word, as qel_init_shared_mutex() made it. The C library believes
 // what the mutex says of its kind: for others it follows pointers in it, changes the thread's priority, or
 // ends the process.
-bool is_plain(const pthread_mutex_t& mutex);
+bool is_plain(const PlacedMutex& mutex);
 // Waits for the mutex for 'milliseconds' at most; ETIMEDOUT then.
-int lock_for(pthread_mutex_t& mutex, std::uint32_t milliseconds);
+int lock_for(PlacedMutex& mutex, std::uint32_t milliseconds);
+// Whether the lock word says that nobody holds the mutex; a hint, as it may change at any time.
+bool is_free(const PlacedMutex& mutex);
 // The thread ID in the lock word, 0 if nobody holds the mutex; a hint, as it may change at any time.
-std::uint32_t holder_of(const pthread_mutex_t& mutex);
+std::uint32_t holder_of(const PlacedMutex& mutex);
+// Whether the machine has more than one processor, without which nobody is waited for by spinning.
+bool has_processors();
+// One round of spinning: tens of nanoseconds in which the processor serves its other half.
+void pause_spinning();
 // Whether the kernel knows this thread ID, in the PID namespace of this process.
 bool thread_exists(std::uint32_t thread);
 

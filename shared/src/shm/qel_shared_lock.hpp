@@ -19,10 +19,12 @@
 
 #include <qel/shm.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <type_traits>
 
 #include "core/qel_lock.hpp"
+#include "shm/qel_mem_safe_shm_lnx.hpp"
 
 namespace qel {
 
@@ -37,22 +39,48 @@ using LongWaitHandler = void (*)(const LongWait& wait);
 // A pthread_mutex_t in a segment's record. Whoever makes the segment initialises it, once.
 class QEL_CAPABILITY("mutex") SharedMutex {
   public:
-    int init() { return qel_init_shared_mutex(&native_); }
+    int init() { return qel_init_shared_mutex(native()); }
     // 0, or the errno of a mutex that can't be taken. Waits for a holder without end: nothing tells a dead
     // one from a slow one.
     int lock(LongWaitHandler waited_long) QEL_ACQUIRE();
-    int unlock() QEL_RELEASE() { return pthread_mutex_unlock(&native_); }
+    // The same for those who only look: ETIMEDOUT when it could not be had within 'milliseconds'.
+    int lock_for(std::uint32_t milliseconds) QEL_TRY_ACQUIRE(0);
+    // Who has it now, as far as the lock word tells.
+    LongWait describe(std::uint32_t waited_seconds) const;
+    // EINVAL, and it stays held, for one that was written over meanwhile: the C library would follow links.
+    int unlock() QEL_RELEASE() {
+        return shm_platform::is_plain(native_) ? pthread_mutex_unlock(native()) : EINVAL;
+    }
     // For a wait on a condition variable by the thread that holds the mutex.
-    pthread_mutex_t* native() { return &native_; }
+    pthread_mutex_t* native() { return shm_platform::native(native_); }
 
   private:
-    pthread_mutex_t native_;
+    shm_platform::PlacedMutex native_;
 };
 static_assert(sizeof(SharedMutex) == sizeof(pthread_mutex_t) && std::is_standard_layout_v<SharedMutex>);
 
 // For the layers below the trace: a failure has nowhere to be reported.
 struct SilentSharedLockFailures : SilentLockFailures {
     static void waited_long(const LongWait&) {}
+};
+
+// The guard of those who only look, and go on without a mutex that its holder doesn't give: a dump of what
+// the dead have left.
+class BriefSharedLocked {
+  public:
+    BriefSharedLocked(SharedMutex& mutex, std::uint32_t milliseconds)
+        : mutex_(mutex), error_(mutex.lock_for(milliseconds)) {}
+    BriefSharedLocked(const BriefSharedLocked&) = delete;
+    BriefSharedLocked& operator=(const BriefSharedLocked&) = delete;
+    ~BriefSharedLocked() QEL_NO_THREAD_SAFETY_ANALYSIS {
+        if (error_ == 0) static_cast<void>(mutex_.unlock());  // Fails for a mutex that isn't held only.
+    }
+    // 0, or why the mutex isn't held.
+    int error() const { return error_; }
+
+  private:
+    SharedMutex& mutex_;
+    int error_;
 };
 
 template <class Failures>
