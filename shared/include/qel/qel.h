@@ -17,6 +17,7 @@
 #include <qel/idm.h>
 #include <qel/list.h>
 #include <qel/mem.h>
+#include <qel/mem_vchunk.h>
 #include <qel/mgd_timer.h>
 #include <qel/ppm.h>
 #include <qel/ptimer.h>
