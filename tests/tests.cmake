@@ -28,6 +28,7 @@ endfunction()
 if(QEL_SPIN AND NOT QEL_SANITIZE)
     qel_model_test(trace reserve)
     qel_model_test(dispatch wake)
+    qel_model_test(ipc sep)
 endif()
 
 # The examples on this machine's own links. The churn needs the right to a network namespace.
@@ -41,3 +42,4 @@ if(TARGET sessions)
     add_test(NAME project.sessions COMMAND ${QEL_PROJECT_TESTS}/sessions_test.sh $<TARGET_FILE:sessions>)
     set_tests_properties(project.sessions PROPERTIES TIMEOUT 120)
 endif()
+

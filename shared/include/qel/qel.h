@@ -15,6 +15,9 @@
 #include <qel/dt_buffer.h>
 #include <qel/hash.h>
 #include <qel/idm.h>
+#include <qel/ipc.h>
+#include <qel/ipc_ctx.h>
+#include <qel/ipc_debug.h>
 #include <qel/list.h>
 #include <qel/mem.h>
 #include <qel/mem_vchunk.h>
@@ -22,6 +25,8 @@
 #include <qel/ppm.h>
 #include <qel/ptimer.h>
 #include <qel/queue.h>
+#include <qel/ring.h>
+#include <qel/sep.h>
 #include <qel/shm.h>
 #include <qel/sm.h>
 #include <qel/thread.h>

@@ -1,0 +1,448 @@
+// Channels from opening to removal: who may open, who is told what, and what a death leaves to whom.
+#include <climits>
+
+#include "ipc/ipc_support.hpp"
+
+using namespace qel_test;
+
+QEL_IPC_PEER_ROLE
+
+// Opens as many times as told, taking whatever an opening race gives; the code is how often that failed
+// oddly.
+QEL_ROLE(racer) {
+    int odd = 0;
+    auto role = static_cast<std::uint32_t>(std::stoul(args.at(1)));
+    Participant one{args.at(0), channel_attr(role, std::stoull(args.at(2)))};
+    say("here");
+    hear();
+    bool open = eventually([&] {
+        cerrno error = one.open();
+        odd += error != 0 && error != kInvalid;
+        return error == 0;
+    });
+    bool ready = open && one.told(QEL_IPC_EVENT_READY);
+    say(ready ? "ready" : "not ready");
+    hear();
+    return odd;
+}
+
+namespace {
+
+constexpr std::uint32_t kClient = QEL_IPC_ROLE_CLIENT, kServer = QEL_IPC_ROLE_SERVER;
+
+Connection up(std::uint64_t app_id) {
+    return {QEL_IPC_EP_UP, app_id, 0};
+}
+Connection gone(std::uint64_t app_id) {
+    return {QEL_IPC_EP_GONE, app_id, 0};
+}
+
+void ignore(qel_ipc_handle, std::uint32_t, void*) {}
+
+TEST(Channel, open_refuses_what_no_channel_can_be) {
+    ServedDispatcher dispatcher;
+    struct Case {
+        void (*change)(qel_ipc_attr& attr);
+        bool server_only;
+    };
+    const Case kCases[] = {
+        {[](qel_ipc_attr& attr) { attr.msg_mode = 0; }, false},
+        {[](qel_ipc_attr& attr) { attr.msg_mode = 4; }, false},
+        {[](qel_ipc_attr& attr) { attr.attr_kind = 3; }, false},
+        {[](qel_ipc_attr& attr) { attr.close_flags = 2; }, false},
+        {[](qel_ipc_attr& attr) { attr.large_data_size = 0x4000001; }, true},
+        {[](qel_ipc_attr& attr) { attr.max_msg_count = 65536; }, true},
+        {[](qel_ipc_attr& attr) { attr.max_msg_size = 4097; }, true},
+        {[](qel_ipc_attr& attr) { attr.max_msg_count = 7; }, true},
+        {[](qel_ipc_attr& attr) { attr.overflow_count = 7; }, true},
+        {[](qel_ipc_attr& attr) { attr.low_water_percent = 70; }, true},
+        {[](qel_ipc_attr& attr) { attr.high_water_percent = 101; }, true},
+        {[](qel_ipc_attr& attr) { attr.max_clients = 32; }, true},
+        {[](qel_ipc_attr& attr) { attr.overflow_count = 57; }, true},
+    };
+    for (const Case& each : kCases)
+        for (std::uint32_t role : {kClient, kServer}) {
+            qel_ipc_attr attr = channel_attr(role, 1);
+            each.change(attr);
+            qel_ipc_handle ipc = 77;
+            bool refused = !each.server_only || role == kServer;
+            EXPECT_EQ(qel_ipc_open(&ipc, "refused", &attr, dispatcher.handle(), ignore, nullptr),
+                      refused ? kInvalid : 0u)
+                << &each - kCases;
+            EXPECT_EQ(ipc == 0, refused);
+            static_cast<void>(qel_ipc_close(&ipc));
+        }
+    qel_ipc_attr attr = channel_attr(kServer, 1);
+    qel_ipc_handle ipc = 77;
+    for (const char* name : {static_cast<const char*>(nullptr), "", "a name of thirty-three characters"})
+        EXPECT_EQ(qel_ipc_open(&ipc, name, &attr, dispatcher.handle(), ignore, nullptr), kInvalid);
+    EXPECT_EQ(ipc, 0u);
+    EXPECT_EQ(qel_ipc_open(nullptr, "n", &attr, dispatcher.handle(), ignore, nullptr), kInvalid);
+    EXPECT_EQ(qel_ipc_open(&ipc, "n", nullptr, dispatcher.handle(), ignore, nullptr), kInvalid);
+    EXPECT_EQ(qel_ipc_open(&ipc, "n", &attr, dispatcher.handle(), nullptr, nullptr), kInvalid);
+    EXPECT_EQ(qel_ipc_open(&ipc, "n", &attr, 0, ignore, nullptr), kInvalid);
+    EXPECT_EQ(qel_ipc_close(nullptr), static_cast<cerrno>(EINVAL));
+    EXPECT_EQ(qel_ipc_close(&ipc), kInvalid);
+    EXPECT_TRUE(qel_ipc_cleanup("refused") == 0 && qel_ipc_cleanup("refused") == ENOENT);
+}
+
+TEST(Channel, a_client_without_a_server_hears_nothing_and_then_ready_once) {
+    Participant client{"late", channel_attr(kClient, 5)};
+    ASSERT_EQ(client.open(), 0u);
+    EXPECT_EQ(client.alloc(1), kTryAgain);
+    EXPECT_FALSE(shm_exists("late.0"));
+    EXPECT_EQ(client.told_so_far(), 0u);
+    Participant server{"late", channel_attr(kServer, 1)};
+    ASSERT_EQ(server.open(), 0u);
+    ASSERT_TRUE(client.told(QEL_IPC_EVENT_READY) && server.told(QEL_IPC_EVENT_READY));
+    EXPECT_EQ(client.send(7), 0u);
+    EXPECT_EQ(server.receive(), 7u);
+    server.drop_held();
+    // It was there first, so the server isn't told of it, but knows it.
+    qel_ipc_ep_handle list[9];
+    std::uint32_t count = 0;
+    EXPECT_EQ(qel_ipc_ep_get_list(server.ipc, list, 9, &count), 0u);
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(qel_ipc_ep_get_list(client.ipc, list, 9, &count), kNotPermitted);
+    EXPECT_EQ(server.connections(), std::vector<Connection>{});
+    EXPECT_EQ(client.times_told(QEL_IPC_EVENT_READY), 1);
+    EXPECT_TRUE(client.handle_was_stored && server.handle_was_stored);
+    std::uint64_t app_id[2];
+    EXPECT_EQ(qel_ipc_ep_get_app_id(server.ipc, list[0] | 0xff, app_id), kInvalid);
+    EXPECT_EQ(qel_ipc_ep_get_app_id(server.ipc, list[0] ^ 0x10000, app_id), kMissing);
+    std::uint32_t event = 0;
+    EXPECT_EQ(qel_ipc_get_connection_event(server.ipc, &event, list), kTryAgain);
+}
+
+TEST(Channel, clients_without_a_server_leave_no_trace) {
+    for (std::uint64_t app_id = 0; app_id < 40; ++app_id) {
+        Participant client{"lonely", channel_attr(kClient, app_id)};
+        ASSERT_EQ(client.open(), 0u);
+        EXPECT_EQ(client.close(), 0u);
+        EXPECT_EQ(qel_ipc_close(&client.ipc), kInvalid);
+    }
+    EXPECT_EQ(qel_ipc_cleanup("lonely"), 0);
+}
+
+TEST(Channel, the_end_reaches_everybody_and_removes_every_name) {
+    Participant server{"ending", channel_attr(kServer, 1)};
+    Participant client{"ending", channel_attr(kClient, 2)};
+    ASSERT_TRUE(server.open() == 0 && client.open() == 0 && server.connected({up(2)}));
+    EXPECT_EQ(client.alloc(1, 5000), 0u);
+    EXPECT_EQ(server.close(), 0u);
+    EXPECT_TRUE(client.told(QEL_IPC_EVENT_DOWN));
+    EXPECT_EQ(client.alloc(2), kGone);
+    for (const std::string& name : shm_objects()) EXPECT_EQ(name.find("ending"), std::string::npos) << name;
+    // What the client then closes isn't the channel that has the name by now.
+    ASSERT_EQ(server.open(), 0u);
+    Participant second{"ending", channel_attr(kClient, 3)};
+    ASSERT_EQ(second.open(), 0u);
+    EXPECT_EQ(client.close(), 0u);
+    EXPECT_TRUE(shm_exists("ending.1") && shm_exists("ending.heap"));
+    EXPECT_EQ(second.send(4, 0, 5000), 0u);
+    EXPECT_EQ(server.receive(), 4u);
+    server.drop_held();
+    Segment{"ending"}.put(kStateAt, 3u);
+    Participant third{"ending", channel_attr(kClient, 4)};
+    EXPECT_EQ(third.open(), kTryAgain);
+    Segment{"ending"}.put(kStateAt, 2u);
+}
+
+TEST(Channel, names_of_thirty_two_characters_are_removed_in_full) {
+    std::string name(32, 'x');
+    Participant server{name, channel_attr(kServer, 1)}, client{name, channel_attr(kClient, 2)};
+    ASSERT_TRUE(server.open() == 0 && client.open() == 0 && client.told(QEL_IPC_EVENT_READY));
+    EXPECT_TRUE(shm_exists(name) && shm_exists(std::string(31, 'x') + ".0"));
+    EXPECT_EQ(client.send(3), 0u);
+    EXPECT_EQ(server.receive(), 3u);
+    EXPECT_EQ(client.close(), 0u);
+    EXPECT_EQ(server.close(), 0u);
+    EXPECT_FALSE(shm_exists(name) || shm_exists(std::string(31, 'x') + ".0"));
+}
+
+TEST(Channel, every_place_of_the_table_is_had_once) {
+    qel_ipc_attr attr = channel_attr(kServer, 1);
+    attr.max_clients = 0;
+    auto dispatcher = std::make_shared<ServedDispatcher>();
+    Participant server{"full", attr, dispatcher};
+    ASSERT_EQ(server.open(), 0u);
+    std::deque<Participant> clients;
+    for (std::uint64_t app_id = 1; app_id <= 31; ++app_id)
+        ASSERT_EQ(clients.emplace_back("full", channel_attr(kClient, app_id), dispatcher).open(), 0u)
+            << app_id;
+    ASSERT_TRUE(eventually([&] { return server.connections().size() == 31; }));
+    Participant extra{"full", channel_attr(kClient, 99), dispatcher},
+        twin{"full", channel_attr(kClient, 4), dispatcher};
+    EXPECT_EQ(extra.open(), kNoPlace);
+    EXPECT_EQ(twin.open(), kNotPermitted);
+    EXPECT_EQ(clients[30].send(31), 0u);
+    EXPECT_EQ(server.receive(), 31u);
+    // Closed, but its message is still here: the place comes free with that.
+    EXPECT_EQ(clients[30].close(), 0u);
+    ASSERT_TRUE(server.told(QEL_IPC_EVENT_EP_UPDATE));
+    EXPECT_EQ(extra.open(), kNoPlace);
+    server.drop_held();
+    EXPECT_TRUE(eventually([&] { return extra.open() == 0; }));
+    EXPECT_TRUE(eventually([&] { return server.connections().back() == up(99); }));
+    std::deque<Participant> more;
+    for (std::uint64_t app_id = 1; app_id <= 16; ++app_id)
+        EXPECT_EQ(more.emplace_back("fill", channel_attr(kClient, app_id), dispatcher).open(), 0u) << app_id;
+    EXPECT_EQ(twin.open(), kNoPlace);
+    more.clear();
+    EXPECT_EQ(qel_ipc_cleanup("fill"), 0);
+}
+
+TEST(Channel, the_next_client_in_a_place_gets_its_own_messages) {
+    Participant server{"heir", channel_attr(kServer, 1)};
+    ASSERT_EQ(server.open(), 0u);
+    for (std::uint64_t app_id = 10; app_id < 40; ++app_id) {
+        Participant client{"heir", channel_attr(kClient, app_id)};
+        ASSERT_EQ(client.open(), 0u);
+        ASSERT_EQ(client.send(app_id), 0u);
+        ASSERT_EQ(server.receive(), app_id);
+        // With the reply in its ring, or with its request still here, it closes.
+        if (app_id % 3 == 0) {
+            EXPECT_EQ(qel_ipc_reply(server.ipc, nullptr, server.held.back(), 1), 0u);
+            server.held.clear();
+        }
+        EXPECT_EQ(client.close(), 0u);
+        server.drop_held();
+        Participant heir{"heir", channel_attr(kClient, app_id + 100)};
+        ASSERT_TRUE(heir.open() == 0 && heir.send(1) == 0);
+        ASSERT_EQ(server.receive(), 1u);
+        ASSERT_EQ(qel_ipc_reply(server.ipc, nullptr, server.held.back(), 1), 0u);
+        server.held.clear();
+        EXPECT_EQ(heir.receive(), 1u) << app_id;
+        heir.drop_held();
+    }
+    EXPECT_TRUE(eventually([&] { return server.stats().prod_count == 0; }));
+}
+
+TEST(Channel, a_killed_client_comes_back_to_its_messages) {
+    qel_ipc_attr attr = channel_attr(kServer, 1);
+    attr.ext_cs = 1;
+    Participant server{"revived", attr};
+    ASSERT_EQ(server.open(), 0u);
+    Segment block{"revived"};
+    std::uint32_t taken_to_full = 0;
+    for (int round = 0; round < 12; ++round) {
+        PeerProcess client{"revived", kClient, 6};
+        ASSERT_EQ(client.ask("open"), "0");
+        ASSERT_EQ(client.ask("told 800"), "yes");
+        auto told = round == 0 ? std::vector<Connection>{up(6)}
+                               : std::vector<Connection>{{QEL_IPC_EP_ENDED, 6, 0}, {QEL_IPC_EP_BACK, 6, 0}};
+        ASSERT_TRUE(server.connected(told)) << round;
+        qel_ipc_ep_handle ep = server.connections()[0].ep;
+        if (round > 0) {
+            ASSERT_EQ(client.ask("told 1"), "yes");
+            EXPECT_EQ(client.ask("take 3"), "3 4 5 ");
+            client.ask("drop");
+            EXPECT_EQ(block.get<std::uint32_t>(ep_at(1) + kAllocAt), 0u);
+            EXPECT_EQ(block.get<std::uint32_t>(ep_at(0) + kAllocAt), 0u);
+            EXPECT_EQ(block.get<std::uint32_t>(ep_at(1) + kReservedAt), taken_to_full);
+        }
+        taken_to_full = block.get<std::uint32_t>(ep_at(1) + kReservedAt);
+        for (std::uint64_t context = 1; context <= 5; ++context)
+            ASSERT_EQ(server.send(context, ep, context % 2 != 0 ? 8 : 5000), 0u);
+        ASSERT_EQ(client.ask("take 2"), "1 2 ");
+        ASSERT_EQ(client.ask("alloc 2"), "2");
+        server.forget();
+        ASSERT_TRUE(is_asleep(block, 1));
+        client.kill();
+    }
+}
+
+TEST(Channel, a_killed_server_comes_back_to_its_messages) {
+    Participant client{"phoenix", channel_attr(kClient, 2)};
+    PeerProcess waiting{"phoenix", kClient, 3};
+    for (int round = 0; round < 8; ++round) {
+        PeerProcess server{"phoenix", kServer, 1};
+        ASSERT_EQ(server.ask("open"), "0");
+        ASSERT_EQ(server.ask("told 800"), "yes");
+        if (round == 0) {
+            ASSERT_TRUE(client.open() == 0 && client.told(QEL_IPC_EVENT_READY));
+        } else {
+            EXPECT_TRUE(client.connected({{QEL_IPC_EP_ENDED, 1, 0}, {QEL_IPC_EP_BACK, 1, 0}}));
+            ASSERT_EQ(server.ask("told 1"), "yes");
+            EXPECT_EQ(server.ask("take 3"), "3 4 5 ");
+            server.ask("drop");
+            EXPECT_EQ(client.stats().alloc, 0u);
+        }
+        for (std::uint64_t context = 1; context <= 4; ++context) ASSERT_EQ(client.send(context), 0u);
+        ASSERT_EQ(server.ask("take 2"), "1 2 ");
+        client.forget();
+        ASSERT_TRUE(is_asleep(Segment{"phoenix"}, 0));
+        server.kill();
+        // Nobody is there, but there is room.
+        ASSERT_EQ(client.send(5), 0u);
+    }
+    // A client that comes back, and one that is new, while no server is there.
+    EXPECT_EQ(waiting.ask("open"), "0");
+    PeerProcess server{"phoenix", kServer, 1};
+    ASSERT_EQ(server.ask("open"), "0");
+    EXPECT_EQ(waiting.ask("told 4800"), "yes");
+    EXPECT_EQ(server.ask("close"), "0");
+    EXPECT_EQ(waiting.ask("told 8000"), "yes");
+}
+
+TEST(Channel, both_ends_killed_lose_nothing) {
+    auto client = std::make_unique<PeerProcess>("storm", kClient, 4);
+    auto server = std::make_unique<PeerProcess>("storm", kServer, 1);
+    ASSERT_TRUE(client->ask("open") == "0" && server->ask("open") == "0" && client->ask("told 800") == "yes");
+    ASSERT_TRUE(client->ask("send 6") == "6" && server->ask("take 2") == "1 2 " &&
+                client->ask("alloc 3") == "3");
+    Segment block{"storm"};
+    ASSERT_TRUE(is_asleep(block, 0) && is_asleep(block, 1));
+    client->kill();
+    server->kill();
+    client = std::make_unique<PeerProcess>("storm", kClient, 4);
+    ASSERT_EQ(client->ask("open"), "0");
+    ASSERT_EQ(client->ask("told 800"), "yes");
+    server = std::make_unique<PeerProcess>("storm", kServer, 1);
+    ASSERT_EQ(server->ask("open"), "0");
+    EXPECT_EQ(client->ask("told 4000"), "yes");
+    EXPECT_EQ(client->ask("connections"), "800:1 400:1 ");
+    EXPECT_EQ(server->ask("take 4"), "3 4 5 6 ");
+    server->ask("drop");
+    EXPECT_EQ(block.get<std::uint32_t>(ep_at(1) + kAllocAt), 0u);
+    EXPECT_EQ(server->ask("close"), "0");
+}
+
+TEST(Channel, a_death_inside_a_doorbell_keeps_out_nobody_else) {
+    Participant server{"stuck", channel_attr(kServer, 1)}, other{"stuck", channel_attr(kClient, 2)};
+    PeerProcess client{"stuck", kClient, 3};
+    ASSERT_EQ(server.open(), 0u);
+    ASSERT_EQ(client.ask("open"), "0");
+    ASSERT_TRUE(server.connected({up(3)}));
+    Segment block{"stuck"};
+    ASSERT_TRUE(is_asleep(block, 1));
+    client.kill();
+    block.put(ep_at(1) + kDoorbellLockAt, 2u);
+    Participant heir{"stuck", channel_attr(kClient, 3)};
+    EXPECT_EQ(heir.open(), kTimedOut);
+    // The server looks at the end points, and signals to all that it finds.
+    EXPECT_TRUE(other.open() == 0 && other.send(5) == 0);
+    EXPECT_TRUE(server.connected({up(3), {QEL_IPC_EP_ENDED, 3, 0}, {QEL_IPC_EP_BACK, 3, 0}, up(2)}));
+    EXPECT_EQ(server.receive(), 5u);
+    block.put(ep_at(1) + kDoorbellLockAt, 0u);
+    EXPECT_TRUE(heir.open() == 0 && heir.told(QEL_IPC_EVENT_READY));
+}
+
+TEST(Channel, whoever_wins_the_race_to_open_all_meet) {
+    for (int round = 0; round < 5; ++round) {
+        std::string name = "race" + std::to_string(round);
+        std::vector<Child> racers;
+        for (int i = 0; i < 5; ++i)
+            racers.emplace_back("racer", RoleArgs{name, i == 0 ? "1" : "0", std::to_string(i + 1)});
+        for (Child& racer : racers) ASSERT_EQ(racer.read_line(), "here");
+        for (Child& racer : racers) racer.write_line("go");
+        for (Child& racer : racers) EXPECT_EQ(racer.read_line(), "ready");
+        for (std::size_t i = racers.size(); i-- > 0;) {
+            racers[i].write_line("end");
+            EXPECT_EQ(racers[i].wait(), 0);
+        }
+        EXPECT_FALSE(shm_exists(name));
+    }
+}
+
+TEST(Channel, a_block_that_no_server_wrote_is_refused) {
+    {
+        Participant server{"odd", channel_attr(kServer, 1)};
+        ASSERT_EQ(server.open(), 0u);
+        Segment block{"odd"};
+        Participant client{"odd", channel_attr(kClient, 2)};
+        auto refused_with = [&]<class Word>(std::size_t offset, Word bad) {
+            Word good = block.get<Word>(offset);
+            block.put(offset, bad);
+            EXPECT_EQ(client.open(), kInvalid) << offset;
+            block.put(offset, good);
+        };
+        refused_with(kMagicAt, 0x12345678u);
+        refused_with(kTotalMsgAt, std::uint16_t{7});
+        refused_with(kMsgSizeAt, 4097u);
+        refused_with(kHeapSizeAt, 0xfffffff0u);
+        refused_with(kMaxEpsAt, std::uint16_t{33});
+        refused_with(kMaxEpsAt, std::uint16_t{0});
+        refused_with(std::size_t{163}, 'x');
+        EXPECT_EQ(client.open(), 0u);
+        qel_ipc_attr other = channel_attr(kServer, 1);
+        other.max_msg_count = 65;
+        Participant second{"odd", other};
+        EXPECT_EQ(second.open(), kInvalid);
+    }
+    EXPECT_FALSE(shm_exists("odd"));
+}
+
+TEST(Channel, what_a_dead_maker_left_is_made_good) {
+    PeerProcess maker{"half", kClient, 1};
+    ASSERT_EQ(maker.ask("open"), "0");
+    maker.kill();
+    Segment block{"half"};
+    for (std::size_t at = 4; at < block.size(); at += 4) block.put(at, 0u);
+    block.put(kMagicAt, 0xdecade00u);
+    Participant client{"half", channel_attr(kClient, 2)}, server{"half", channel_attr(kServer, 3)};
+    EXPECT_TRUE(client.open() == 0 && server.open() == 0 && client.told(QEL_IPC_EVENT_READY));
+    EXPECT_EQ(client.send(2), 0u);
+    EXPECT_EQ(server.receive(), 2u);
+}
+
+TEST(Channel, a_new_channel_uses_nothing_of_an_old_one) {
+    qel_ipc_attr small = channel_attr(kServer, 1);
+    small.max_msg_count = 16;
+    {
+        PeerProcess client{"old", kClient, 2};
+        PeerProcess server{"old", kServer, 1};
+        ASSERT_TRUE(client.ask("open") == "0" && server.ask("open") == "0" &&
+                    client.ask("told 800") == "yes");
+        ASSERT_EQ(client.ask("send 5"), "5");
+        Segment block{"old"};
+        ASSERT_TRUE(is_asleep(block, 0) && is_asleep(block, 1));
+        server.kill();
+        client.kill();
+    }
+    ASSERT_EQ(unlink(shm_file("old").c_str()), 0);
+    Participant server{"old", small}, client{"old", channel_attr(kClient, 2)};
+    ASSERT_TRUE(server.open() == 0 && client.open() == 0 && client.told(QEL_IPC_EVENT_READY));
+    EXPECT_EQ(server.receive(10ms), 0u);
+    for (std::uint64_t i = 0; i < 16; ++i) EXPECT_EQ(client.alloc(i), 0u);
+    EXPECT_EQ(client.alloc(16), kNoMemory);
+    client.drop_held();
+}
+
+TEST(Channel, closing_keeps_what_the_application_holds_if_told_so) {
+    qel_ipc_attr attr = channel_attr(kClient, 2);
+    attr.close_flags = 1;
+    Participant server{"held", channel_attr(kServer, 1)}, client{"held", attr};
+    ASSERT_TRUE(server.open() == 0 && client.open() == 0 && server.connected({up(2)}));
+    ASSERT_EQ(client.alloc(1), 0u);
+    EXPECT_EQ(client.close(), kStillHeld);
+    client.drop_held();
+    server.forget();
+    EXPECT_EQ(client.close(), 0u);
+    EXPECT_TRUE(server.connected({gone(2)}));
+    EXPECT_FALSE(shm_exists("held.1"));
+}
+
+// Callers of every kind queue on the context while it is closed, and find it gone; nobody sleeps on.
+TEST(Channel, a_close_under_load_strands_nobody) {
+    for (int round = 0; round < 20; ++round) {
+        Participant server{"busy", channel_attr(kServer, 1)}, client{"busy", channel_attr(kClient, 2)};
+        ASSERT_TRUE(server.open() == 0 && client.open() == 0 && server.connected({up(2)}));
+        std::atomic<bool> closed{false};
+        std::vector<std::thread> callers;
+        for (qel_ipc_handle ipc : {client.ipc, client.ipc, server.ipc})
+            callers.emplace_back([&, ipc, sends = callers.size() == 0] {
+                qel_ipc_msg msg = 0;
+                while (!closed) {
+                    if (sends && qel_ipc_msg_alloc(ipc, 8, &msg, nullptr) == 0)
+                        static_cast<void>(qel_ipc_async_send(ipc, nullptr, msg));
+                    if (qel_ipc_receive(ipc, nullptr, &msg, nullptr) == 0) qel_ipc_msg_free(&msg);
+                }
+            });
+        EXPECT_EQ((round % 2 != 0 ? server : client).close(), 0u);
+        closed = true;
+        for (std::thread& caller : callers) caller.join();
+    }
+}
+
+}  // namespace
