@@ -1,4 +1,5 @@
-# What an installation holds: the library, its headers, qel.pc for pkg-config and the CMake package "qel".
+# What an installation holds: the library, its headers, qel.pc for pkg-config and the CMake package "qel"; tools/ adds
+# the program qel where it is built.
 include(CMakePackageConfigHelpers)
 
 # qel.pc finds the rest from where it lies itself, so an installation can be moved.

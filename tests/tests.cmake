@@ -43,3 +43,8 @@ if(TARGET sessions)
     set_tests_properties(project.sessions PROPERTIES TIMEOUT 120)
 endif()
 
+# The tool is run as its users do; without it there is nothing to test.
+if(TARGET qel_tool)
+    add_dependencies(qel_ipc_test qel_tool)
+    qel_test_properties(tools.qel_ipc_test ENVIRONMENT QEL_TOOL=$<TARGET_FILE:qel_tool>)
+endif()
