@@ -23,3 +23,7 @@ foreach(name dm_timer_bench timer_bench)
     target_link_libraries(${name} PRIVATE ${libevent_LINK_LIBRARIES} ${QEL_LIBEV})
 endforeach()
 qel_bench_peers(trace_bench libqb lttng_ust)
+qel_bench_peers(ipc_bench libqb libzmq fmt)
+# nng has no pkg-config file, and its CMake package belongs to the static library.
+find_library(QEL_NNG nng REQUIRED)
+target_link_libraries(ipc_bench PRIVATE ${QEL_NNG} rt)
