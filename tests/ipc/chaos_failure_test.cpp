@@ -1,216 +1,38 @@
 // Chaos: one server and eight clients under load, killed at random moments and started again.
 //
-// The driver forks the participants; a book in memory that all of them share says of each message what its
-// sender and its receiver know of it, independently of the library:
-//
-//     tried -> sent -> got            a request, by its client, then by the server
-//     answered -> heard               its reply, by the server, then by the client
+// The driver forks the participants (chaos_participant.hpp), which share a book of what was sent, got,
+// answered and heard.
 //
 // After each kill the driver looks at what the dead one held: a message consumed and not yet entered in the
 // book went with it, which the channel tells by freeing it. Every other message that was sent must be got,
-// once. A kill may land inside one of the channel's locks, which stay held then: the driver finds that by the
-// owner's thread ID, counts it apart, and makes the channel anew.
+// once, and every reply that was given heard, unless its client closed or stopped waiting. A kill may land
+// inside one of the channel's locks, which stay held then: the driver finds that by the owner's thread ID,
+// counts it apart, and makes the channel anew.
 //
 //     QEL_CHAOS_KILLS (default 300), QEL_CHAOS_SEED (default 1)
-#include <qel/dm.h>
-#include <qel/ipc.h>
 #include <qel/ppm.h>
 #include <qel/shm.h>
 
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <random>
 #include <string>
 
+#include "ipc/chaos_participant.hpp"
 #include "ipc/qel_ipc.hpp"
 #include "shm/qel_mem_safe_shm_lnx.hpp"
 #include "support/support.hpp"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace qel_chaos;
 using qel_test::eventually;
 using Clock = std::chrono::steady_clock;
-
-constexpr char kChannel[] = "chaos";
-constexpr std::uint32_t kClients = 8;
-constexpr std::uint32_t kParticipants = kClients + 1;  // the server is 0
-constexpr std::uint32_t kNumbers = 4u << 20;           // messages of one client in a run
-constexpr std::uint32_t kWindow = 6;                   // of a client, on their way
-constexpr std::uint32_t kMessages = 64;
-constexpr std::uint32_t kInline = 64;
-constexpr std::uint32_t kLong = 600;
-
-// What is known of one message. The bits of a row are set by different processes, each its own.
-enum : std::uint8_t {
-    kTried = 1,
-    kSent = 2,
-    kGot = 4,
-    kAnswered = 8,
-    kHeard = 16,
-    kWentWithTheDead = 32,
-    kTwice = 64
-};
-
-struct Book {
-    std::atomic<std::uint32_t> stop;    // clients allocate no more
-    std::atomic<std::uint32_t> broken;  // a participant found bytes that aren't the message's
-    std::atomic<std::uint32_t> ready[kParticipants];
-    std::atomic<std::uint64_t> got[kParticipants];
-    std::atomic<std::uint32_t> next[kClients];  // a client's next number, also for its next life
-    std::atomic<std::uint8_t> rows[kClients][kNumbers];
-};
-Book* book;
-
-// A message's bytes: who, which, and a pattern to the end.
-struct Body {
-    std::uint32_t client;
-    std::uint32_t number;
-};
-
-void note(std::uint32_t client, std::uint32_t number, std::uint8_t bit) {
-    std::uint8_t before = book->rows[client][number].fetch_or(bit);
-    if ((before & bit) != 0 && (bit == kGot || bit == kHeard)) book->rows[client][number].fetch_or(kTwice);
-}
-
-std::uint32_t length_of(std::uint32_t number) {
-    return number % 16 == 0 ? kLong : 8 + number % (kInline - 8);
-}
-
-void fill(void* data, std::uint32_t client, std::uint32_t number) {
-    Body body{client, number};
-    std::memset(data, static_cast<int>(number & 0xff), length_of(number));
-    std::memcpy(data, &body, sizeof body);
-}
-
-// Reads a message's identity, and refuses one whose bytes aren't what its sender wrote.
-bool read_body(const void* data, std::uint32_t length, Body& body) {
-    if (data == nullptr || length < sizeof body) return false;
-    std::memcpy(&body, data, sizeof body);
-    if (body.client >= kClients || body.number >= kNumbers || length != length_of(body.number)) return false;
-    auto* bytes = static_cast<const std::uint8_t*>(data);
-    for (std::uint32_t i = sizeof body; i < length; ++i)
-        if (bytes[i] != (body.number & 0xff)) return false;
-    return true;
-}
-
-// ---- The server. ----
-
-void serve(qel_ipc_handle ipc, qel_ipc_msg msg) {
-    void* data = nullptr;
-    std::uint32_t length = 0;
-    Body body{};
-    qel_ipc_msg_get_buffer(msg, &data, &length);
-    if (!read_body(data, length, body)) {
-        book->broken.store(1);
-        return;
-    }
-    note(body.client, body.number, kGot);
-    book->got[0].fetch_add(1);
-    if (body.number % 4 == 3) {  // some want no reply
-        qel_ipc_msg_free(&msg);
-        return;
-    }
-    void* answer = nullptr;
-    if (qel_ipc_msg_alloc_reply_buffer(msg, length, &answer) == 0) fill(answer, body.client, body.number);
-    if (qel_ipc_reply(ipc, nullptr, msg, 0) == 0)
-        note(body.client, body.number, kAnswered);
-    else
-        qel_ipc_msg_free(&msg);
-}
-
-void on_server_event(qel_ipc_handle ipc, std::uint32_t, void*) {
-    qel_ipc_msg msg;
-    while (qel_ipc_receive(ipc, nullptr, &msg, nullptr) == 0) serve(ipc, msg);
-}
-
-// ---- A client. ----
-
-std::uint32_t me;  // 1 to kClients
-std::uint32_t on_their_way;
-
-bool send_one(qel_ipc_handle ipc) {
-    std::uint32_t client = me - 1, number = book->next[client].load();
-    qel_ipc_msg msg;
-    void* data;
-    if (number >= kNumbers || qel_ipc_msg_alloc(ipc, length_of(number), &msg, &data) != 0) return false;
-    book->next[client].store(number + 1);
-    fill(data, client, number);
-    note(client, number, kTried);
-    if (qel_ipc_async_send(ipc, nullptr, msg) != 0) {
-        qel_ipc_msg_free(&msg);
-        return false;
-    }
-    note(client, number, kSent);
-    if (number % 4 != 3) ++on_their_way;
-    return true;
-}
-
-void hear(qel_ipc_msg msg) {
-    void* data = nullptr;
-    std::uint32_t length = 0;
-    Body body{};
-    qel_ipc_msg_get_reply_buffer(msg, &data, &length);
-    if (length != 0 && (!read_body(data, length, body) || body.client != me - 1)) book->broken.store(1);
-    if (length != 0) note(body.client, body.number, kHeard);
-    if (on_their_way > 0) --on_their_way;
-    book->got[me].fetch_add(1);
-    qel_ipc_msg_free(&msg);
-}
-
-void on_client_event(qel_ipc_handle ipc, std::uint32_t events, void*) {
-    qel_ipc_msg msg;
-    if ((events & QEL_IPC_EVENT_READY) != 0) book->ready[me].store(1);
-    if ((events & QEL_IPC_EVENT_EP_UPDATE) != 0) on_their_way = 0;  // who knows what the server took with it
-    while (qel_ipc_receive(ipc, nullptr, &msg, nullptr) == 0) hear(msg);
-    while (book->stop.load() == 0 && on_their_way < kWindow && send_one(ipc)) {
-    }
-}
-
-// Sends also when nothing comes: a reply may have gone with a server.
-void on_tick(qel_dm_handle dm, qel_dm_timer timer, void* ipc) {
-    constexpr timespec kTick{0, 3'000'000};
-    on_their_way = 0;
-    if (auto handle = *static_cast<qel_ipc_handle*>(ipc); handle != 0) on_client_event(handle, 0, nullptr);
-    qel_dm_timer_settime(dm, timer, &kTick);
-}
-
-// A participant's life, which ends by SIGKILL, or by SIGTERM when all is over.
-[[noreturn]] void live(std::uint32_t who) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    me = who;
-    qel_dm_handle dm = 0;
-    qel_dm_timer timer = nullptr;
-    static qel_ipc_handle ipc;
-    qel_ipc_attr attr;
-    qel_ipc_attr_init(&attr, who == 0 ? QEL_IPC_ROLE_SERVER : QEL_IPC_ROLE_CLIENT);
-    attr.max_clients = kClients;
-    attr.max_msg_count = kMessages;
-    attr.max_msg_size = kInline;
-    attr.large_data_size = 256u << 10;
-    attr.app_id = who + 100;
-    if (qel_dm_create(&dm, "chaos", 0) != 0) _exit(10);
-    while (qel_ipc_open(&ipc, kChannel, &attr, dm, who == 0 ? on_server_event : on_client_event, nullptr) !=
-           0)
-        usleep(500);
-    if (who == 0) book->ready[0].store(1);
-    if (who != 0) {
-        qel_dm_timer_register(dm, &timer, on_tick, &ipc);
-        on_tick(dm, timer, &ipc);
-    }
-    while (qel_dm_wait(dm) == 0) qel_dm_dispatch(dm);
-    _exit(11);
-}
 
 // ---- The driver. ----
 
@@ -234,7 +56,6 @@ class Driver {
 
   private:
     void start(std::uint32_t who) {
-        book->ready[who].store(0);
         pids_[who] = fork();
         if (pids_[who] == 0) live(who);
     }
@@ -248,6 +69,7 @@ class Driver {
     void make_anew();
     bool look();
     bool any_lock_of_the_dead();
+    std::uint32_t end_point_of(std::uint32_t who);
     void enter_what_went(std::uint32_t who);
     bool all_go_on();
 
@@ -290,7 +112,7 @@ bool Driver::any_lock_of_the_dead() {
     if (!main) return false;
     auto* header = main.as<qel_ipc_hdr>();
     bool dead = held_by_the_dead(*header->shm_mutex.native()) || held_by_the_dead(*header->fc_lock.native());
-    for (std::uint32_t ep = 0; ep < kParticipants && !dead; ++ep) {
+    for (std::uint32_t ep = 0; ep <= kPlaces && !dead; ++ep) {
         dead = held_by_the_dead(header->eps[ep].sep.sep_mutex);
         View ring{std::string{kChannel} + "." + std::to_string(ep)};
         if (!ring || dead) continue;
@@ -312,10 +134,24 @@ bool Driver::any_lock_of_the_dead() {
     return dead;
 }
 
+// kMaxEndPoints for one that was at none.
+std::uint32_t Driver::end_point_of(std::uint32_t who) {
+    View main{kChannel};
+    if (who == 0 || !main) return 0;
+    for (std::uint32_t ep = 1; ep <= kPlaces; ++ep) {
+        const qel::EndPointRecord& record = main.as<qel_ipc_hdr>()->eps[ep];
+        bool open =
+            record.ep_state == qel::EndPointState::open || record.ep_state == qel::EndPointState::restarted;
+        if (open && record.app_id[1] == app_id_of(who)) return ep;
+    }
+    return qel::kMaxEndPoints;
+}
+
 // What lies consumed on the ring of one who has just died: entered as gone with it, unless the book has it
 // already.
 void Driver::enter_what_went(std::uint32_t who) {
-    View ring{std::string{kChannel} + "." + std::to_string(who)}, pool{std::string{kChannel} + ".0"};
+    View ring{std::string{kChannel} + "." + std::to_string(end_point_of(who))};
+    View pool{std::string{kChannel} + ".0"};
     View heap{std::string{kChannel} + ".heap"};
     if (!ring || !pool) return;
     auto* header = ring.as<qel::RingHeader>();
@@ -336,8 +172,8 @@ void Driver::enter_what_went(std::uint32_t who) {
         Body body;
         if (data == nullptr || length < sizeof body) continue;
         std::memcpy(&body, data, sizeof body);
-        if (body.client >= kClients || body.number >= kNumbers) continue;
-        note(body.client, body.number, kWentWithTheDead);
+        if (body.sender >= kSenders || body.number >= kNumbers) continue;
+        note(body.sender, body.number, kWentWithTheDead);
         ++tally_.went;
     }
 }
@@ -346,9 +182,9 @@ void Driver::enter_what_went(std::uint32_t who) {
 void Driver::make_anew() {
     for (std::uint32_t who = 0; who < kParticipants; ++who) end(who);
     remove_channel();
-    for (auto& client : book->rows)
-        for (std::uint32_t number = 0; number < book->next[&client - book->rows].load(); ++number)
-            client[number].fetch_or(kWentWithTheDead);
+    for (std::uint32_t sender = 0; sender < kSenders; ++sender)
+        for (std::uint32_t number = 0; number < book->next[sender].load(); ++number)
+            note(sender, number, kWentWithTheDead);
     for (std::uint32_t who = 0; who < kParticipants; ++who) start(who);
 }
 
@@ -380,18 +216,18 @@ void print_state() {
     std::fprintf(stderr, "  state %u\n", static_cast<unsigned>(header->state));
     print_lock("shm_mutex", 0, *header->shm_mutex.native());
     print_lock("fc_lock", 0, *header->fc_lock.native());
-    for (std::uint32_t ep = 0; ep < kParticipants; ++ep) {
+    for (std::uint32_t ep = 0; ep <= kPlaces; ++ep) {
         const qel::EndPointRecord& record = header->eps[ep];
         View ring{std::string{kChannel} + "." + std::to_string(ep)};
         auto* words = ring ? ring.as<qel::RingHeader>() : nullptr;
         std::fprintf(stderr,
                      "  %u: app %lu pid %u state 0x%x restarts %u alloc %u reserved %u restricted %u sep "
                      "0x%x flags 0x%x "
-                     "produced %u consumed %u got %lu\n",
+                     "produced %u consumed %u\n",
                      ep, record.app_id[1], record.pid, static_cast<unsigned>(record.ep_state),
                      record.restarts, record.alloc, record.reserved_credits, record.restricted,
                      record.sep.sep_state, record.sep.sep_flags, words != nullptr ? words->prod_count : 0,
-                     words != nullptr ? words->cons_count : 0, book->got[ep].load());
+                     words != nullptr ? words->cons_count : 0);
         print_lock("sep_mutex", ep, record.sep.sep_mutex);
         if (words == nullptr) continue;
         print_lock("ring_prod", ep, *words->ring_prod.native());
@@ -454,16 +290,15 @@ struct Verdict {
 };
 Verdict judge() {
     Verdict found;
-    for (std::uint32_t client = 0; client < kClients; ++client) {
-        for (std::uint32_t number = 0; number < book->next[client].load(); ++number) {
-            std::uint8_t row = book->rows[client][number].load();
-            bool sent = (row & kSent) != 0, got = (row & kGot) != 0, went = (row & kWentWithTheDead) != 0;
-            bool answered = (row & kAnswered) != 0, heard = (row & kHeard) != 0;
-            found.sent += sent;
-            found.heard += heard;
-            found.lost += sent && !got && !went;
-            found.lost_replies += answered && !heard && !went;
-            found.twice += (row & kTwice) != 0;
+    for (std::uint32_t sender = 0; sender < kSenders; ++sender) {
+        for (std::uint32_t number = 0; number < book->next[sender].load(); ++number) {
+            std::uint8_t row = book->rows[sender][number].load();
+            auto is = [row](std::uint8_t bit) { return (row & bit) != 0; };
+            found.sent += is(kSent);
+            found.heard += is(kHeard);
+            found.lost += is(kSent) && !is(kGot) && !is(kWentWithTheDead);
+            found.lost_replies += is(kAnswered) && !is(kHeard) && !is(kWentWithTheDead) && !is(kGaveUp);
+            found.twice += is(kTwice);
         }
     }
     return found;
@@ -489,10 +324,11 @@ TEST(Chaos, no_message_is_lost_or_doubled_by_kills_at_any_moment) {
     const Tally& tally = driver.tally();
     std::printf("chaos: %u kills (%u of the server) in %.1f s; %u inside a lock of the channel (%.1f %%); "
                 "%lu requests sent, "
-                "%lu replies heard, %u messages went with the dead; lost %lu + %lu, twice %lu\n",
+                "%lu replies heard, %u messages went with the dead, %u closes; lost %lu + %lu, twice %lu\n",
                 tally.kills, tally.server_kills, std::chrono::duration<double>(Clock::now() - start).count(),
                 tally.in_a_lock, 100.0 * tally.in_a_lock / std::max(1u, tally.kills), verdict.sent,
-                verdict.heard, tally.went, verdict.lost, verdict.lost_replies, verdict.twice);
+                verdict.heard, tally.went, book->closes.load(), verdict.lost, verdict.lost_replies,
+                verdict.twice);
     EXPECT_EQ(verdict.lost, 0u);
     EXPECT_EQ(verdict.lost_replies, 0u);
     EXPECT_EQ(verdict.twice, 0u);
