@@ -4,6 +4,7 @@
 
 #include <sys/wait.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 
@@ -118,8 +119,9 @@ TEST_F(QelIpc, sets_levels_and_keeps_the_rest) {
 }
 
 TEST_F(QelIpc, watches_rates) {
+    std::atomic<bool> seen{false};
     std::thread sender([&] {
-        for (int i = 0; i < 200; ++i) {
+        while (!seen) {
             child_->write_line("send");
             child_->read_line();
         }
@@ -127,6 +129,7 @@ TEST_F(QelIpc, watches_rates) {
     std::string rates =
         json("ipc watch " + name_ + " --interval 0.2 --count 1",
              "[e[\"sent_per_s\"] > 0 for e in d[\"end_points\"]], d[\"end_points\"][1][\"alloc\"] > 0");
+    seen = true;
     sender.join();
     EXPECT_EQ(rates, "[False, True] True\n");
     Result table = qel("ipc watch " + name_ + " --interval 0.01 --count 2");
