@@ -82,6 +82,22 @@ QEL_ROLE(player) {
     return serve(dispatcher);
 }
 
+// Dies where it has given the mutex back and not yet woken the owner's thread, which waits for it.
+QEL_ROLE(ringer_that_dies) {
+    qel::Mapping mapping = open_table();
+    qel_sep_record& record = static_cast<Table*>(mapping.info().addr)->records[0];
+    auto& mutex = record.sep_mutex.__data;
+    pthread_mutex_lock(&record.sep_mutex);
+    record.sep_flags = QEL_SEP_INPUT;
+    pthread_cond_signal(&record.sep_cond);
+    if (!eventually([&] { return __atomic_load_n(&mutex.__lock, __ATOMIC_RELAXED) == 2; })) return 1;
+    mutex.__owner = 0;
+    --mutex.__nusers;
+    __atomic_store_n(&mutex.__lock, 0, __ATOMIC_RELEASE);
+    say("dead");
+    return serve(0);
+}
+
 class SignalEndPoint : public testing::Test {
   protected:
     void SetUp() override {
@@ -167,6 +183,24 @@ TEST_F(SignalEndPoint, killed_owner_hangs_nobody_and_comes_back) {
         }
         EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
     }
+}
+
+TEST_F(SignalEndPoint, owner_stranded_by_a_death_is_found_at_the_next_open) {
+    TestDispatcher dm;
+    Servers servers{dm.handle, 1};
+    ASSERT_EQ(start(take, dm.handle), 0);
+    peer = &table->records[0];
+    ASSERT_TRUE(sleeps(*peer));
+    Child ringer{"ringer_that_dies"};
+    ASSERT_EQ(ringer.read_line(), "dead");
+    ringer.kill();
+    EXPECT_EQ(qel_sep_signal(&peer, QEL_SEP_EP_UPDATE), 0);
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(table->jobs, 0u) << "the death was not where it should be";
+    qel::sep_wake_stranded(*peer);
+    EXPECT_TRUE(eventually([] { return table->jobs > 0; }));
+    EXPECT_TRUE(qel::sep_stop(local));
+    EXPECT_EQ(qel_dm_destroy(&dm.handle), 0);
 }
 
 std::atomic<bool> may_return{false};

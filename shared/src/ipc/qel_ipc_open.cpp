@@ -195,6 +195,8 @@ cerrno open_server(IpcContext& ipc, const qel_ipc_attr& attr, bool& restarted) {
     if (cerrno error = bring_server_up(ipc, restarted); error != 0) return error;
     give_up.keep();
     write_shared(ipc.hdr->state, ChannelState::active);
+    for (std::uint32_t ep = 1; ep < end_point_limit(ipc); ++ep)
+        if (ipc.eps[ep].open != 0) sep_wake_stranded(ipc.hdr->eps[ep].sep);
     qel_ipc_signal_clients(&ipc, QEL_SEP_EP_UPDATE);
     return 0;
 }
@@ -269,6 +271,7 @@ cerrno join_channel(IpcContext& ipc, bool restarted) {
         return error;
     share_out(ipc, restarted && error == 0);
     ipc.ready = error == 0;
+    sep_wake_stranded(ipc.hdr->eps[0].sep);
     static_cast<void>(qel_sep_signal(&ipc.eps[0].sep, QEL_SEP_EP_UPDATE));  // It reports a failure itself.
     return 0;
 }

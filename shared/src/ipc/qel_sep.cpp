@@ -26,6 +26,7 @@ namespace {
 
 constexpr std::uint32_t kPatienceMs = 1000;
 constexpr int kLooksAtTheDead = 2;
+constexpr std::uint32_t kStrandedMs = 20;
 
 bool is_running(qel_sep_record& record) {
     return state_of(record).load(std::memory_order_acquire) == QEL_SEP_STATE_RUNNING;
@@ -85,6 +86,12 @@ std::uint32_t take_signals(qel_sep_record& record) {
 int ring_bell_locked(qel_sep_record& record) {
     if (!sep_platform::can_signal(record.sep_cond)) return EINVAL;
     return pthread_cond_signal(&record.sep_cond);
+}
+
+// One that is held has a holder to wake the waiters, who know of this one by then.
+void sep_wake_stranded(qel_sep_record& record) QEL_NO_THREAD_SAFETY_ANALYSIS {
+    BriefSharedLocked lock{mutex_of(record), kStrandedMs};
+    if (lock.error() == 0) mutex_of(record).expect_waiter();
 }
 
 }  // namespace qel

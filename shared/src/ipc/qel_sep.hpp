@@ -30,6 +30,9 @@ std::uint32_t sep_next_signals(qel_sep& local, qel_sep_record& record);
 bool sep_begin_look(qel_sep& local);
 // Looks for some tens of microseconds at most; true when bits came, which sep_next_signals() gives.
 bool sep_look_again(qel_sep& local, qel_sep_record& record);
+// By a process that opens the channel, for each owner whose bell its former life may have rung last: who dies
+// between giving sep_mutex back and waking the next leaves the owner's thread waiting for a free mutex.
+void sep_wake_stranded(qel_sep_record& record);
 // qel_sep_destroy(), and whether the thread has ended. If it has not, it may still sleep in the record, so
 // the record's mapping must stay.
 bool sep_stop(qel_sep& local);

@@ -151,6 +151,13 @@ std::uint32_t holder_of(const PlacedMutex& mutex) {
     return static_cast<std::uint32_t>(word_at(mutex, offsetof(pthread_mutex_t, __data.__owner)));
 }
 
+void expect_waiter(PlacedMutex& mutex) {
+#if defined(__GLIBC__)
+    constexpr int kContended = 2;
+    __atomic_store_n(&native(mutex)->__data.__lock, kContended, __ATOMIC_RELAXED);
+#endif
+}
+
 bool has_processors() {
     static constinit std::atomic<long> online{0};
     long count = online.load(std::memory_order_relaxed);

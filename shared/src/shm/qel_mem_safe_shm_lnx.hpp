@@ -69,6 +69,8 @@ int lock_for(PlacedMutex& mutex, std::uint32_t milliseconds);
 bool is_free(const PlacedMutex& mutex);
 // The thread ID in the lock word, 0 if nobody holds the mutex; a hint, as it may change at any time.
 std::uint32_t holder_of(const PlacedMutex& mutex);
+// Makes the unlock of a mutex that the caller holds wake a waiter, whatever the lock word knows of waiters.
+void expect_waiter(PlacedMutex& mutex);
 // Whether the machine has more than one processor, without which nobody is waited for by spinning.
 bool has_processors();
 // One round of spinning: tens of nanoseconds in which the processor serves its other half.

@@ -51,6 +51,9 @@ class QEL_CAPABILITY("mutex") SharedMutex {
     int unlock() QEL_RELEASE() {
         return shm_platform::is_plain(native_) ? pthread_mutex_unlock(native()) : EINVAL;
     }
+    // By the holder: the unlock wakes a waiter, also one whose waker died between giving the mutex back and
+    // waking.
+    void expect_waiter() QEL_REQUIRES(this) { shm_platform::expect_waiter(native_); }
     // For a wait on a condition variable by the thread that holds the mutex.
     pthread_mutex_t* native() { return shm_platform::native(native_); }
 
