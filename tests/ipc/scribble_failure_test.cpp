@@ -439,6 +439,9 @@ std::uint32_t number_from(const char* variable, std::uint32_t otherwise) {
 }
 
 TEST(Scribble, peers_of_one_who_writes_anything_anywhere_end_by_themselves) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a lock that was written over lets two threads in, and that race is the writer's";
+#endif
     void* memory = mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(memory, MAP_FAILED);
     board = static_cast<Board*>(memory);

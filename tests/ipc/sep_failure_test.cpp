@@ -129,7 +129,7 @@ TEST_P(PingPong, loses_no_wake_up) {
     ASSERT_EQ(start(std::string(GetParam()) == "talk" ? talk : answer, own_dispatcher.handle), 0);
     table->ball = rounds * 2 + 1;
     EXPECT_EQ(qel_sep_signal(&peer, QEL_SEP_INPUT), 0);
-    EXPECT_TRUE(eventually([] { return table->ball == 0; }, wanted == nullptr ? 20s : 600s)) << table->ball;
+    EXPECT_TRUE(eventually([] { return table->ball == 0; }, wanted == nullptr ? 60s : 600s)) << table->ball;
     EXPECT_TRUE(qel::sep_stop(local));
     qel_sep_close(&local, &peer);
     EXPECT_EQ(qel_sep_signal(&peer, QEL_SEP_INPUT), 0);
