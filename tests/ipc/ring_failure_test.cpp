@@ -364,6 +364,25 @@ TEST(RingHostile, scribbled_words_neither_fault_nor_hang) {
     std::fclose(std::exchange(stdout, kept));
 }
 
+TEST(RingHostile, a_scribbled_slot_costs_its_own_message_and_no_other) {
+    Rings rings{3};
+    qel_ring_msg *sent[2] = {}, *out = nullptr;
+    for (qel_ring_msg*& message : sent) {
+        ASSERT_EQ(qel_ring_msg_alloc(rings.pool, &message), 0u);
+        ASSERT_EQ(qel_ring_msg_produce(rings.pool, message), 0u);
+    }
+    for (qel_ring_msg* message : sent) {
+        ASSERT_EQ(qel_ring_msg_consume(rings.pool, &out), 0u);
+        EXPECT_EQ(out, message);
+    }
+    rings.pool->index[0] = 0xffff;
+    EXPECT_EQ(qel_ring_msg_reclaim_consumed(rings.pool, &out), 0u);
+    EXPECT_EQ(out, sent[1]);
+    EXPECT_EQ(ring_give_back(*rings.pool, *out), 0u);
+    for (int left = kMessages - 1; left > 0; --left) EXPECT_EQ(qel_ring_msg_alloc(rings.ring, &out), 0u);
+    EXPECT_EQ(qel_ring_msg_alloc(rings.ring, &out), fatal(ENOSPC));
+}
+
 TEST(RingDump, goes_on_without_a_lock_that_a_dead_process_holds) {
     Rings rings{3};
     pid_t child = fork();

@@ -274,6 +274,10 @@ cerrno put_in_pool_locked(qel_ring& pool, qel_ring_msg& message, std::uint32_t n
     return 0;
 }
 
+cerrno drop_oldest_locked(qel_ring& ring, std::uint32_t oldest) {
+    return leave_slot_locked(ring, {oldest, oldest});
+}
+
 std::span<std::byte> ring_payload(const qel_ring& ring, qel_ring_msg& message) {
     return {reinterpret_cast<std::byte*>(&message + 1), ring.alloc_ring->msg_size};
 }

@@ -104,7 +104,8 @@ qel_ring_msg* find_own_allocated(qel_ring& ring) {
     return nullptr;
 }
 
-// The message at rel_idx; entries that name none are passed over.
+// The message at rel_idx. Entries that name none are passed over: whatever was written there, the pool of
+// ring 0 keeps as many slots as it counts.
 qel_ring_msg* find_oldest_consumed(qel_ring& ring) {
     RingLocked lock{ring.hdr->ring_free};
     RingHeader& header = *ring.hdr;
@@ -113,8 +114,7 @@ qel_ring_msg* find_oldest_consumed(qel_ring& ring) {
         if (slot >= ring.size) return nullptr;
         qel_ring_msg* message = message_in(ring, slot);
         if (message != nullptr && finish_consumed(ring, slot, *message)) return message;
-        std::atomic_ref{header.cons_count}.fetch_sub(1, std::memory_order_acq_rel);
-        poke(header.rel_idx, next_slot(ring, slot), std::memory_order_release);
+        if (drop_oldest_locked(ring, slot) != 0) return nullptr;
     }
     return nullptr;
 }

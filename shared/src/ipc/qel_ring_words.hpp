@@ -70,6 +70,8 @@ inline bool stands_in(const qel_ring& ring, std::uint32_t slot, const qel_ring_m
 
 // Puts a message that is on no ring into the pool; ring_free of ring 0 is held.
 cerrno put_in_pool_locked(qel_ring& pool, qel_ring_msg& message, std::uint32_t number);
+// Releases the oldest consumed slot whatever it holds, and no message with it; ring_free is held.
+cerrno drop_oldest_locked(qel_ring& ring, std::uint32_t oldest);
 // Whether a message is on no ring and not in the pool either.
 inline bool is_on_no_ring(const qel_ring_msg& message) {
     MessageState state = state_of(message);
