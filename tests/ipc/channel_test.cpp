@@ -145,7 +145,11 @@ TEST(Channel, the_end_reaches_everybody_and_removes_every_name) {
     Segment{"ending"}.put(kStateAt, 3u);
     Participant third{"ending", channel_attr(kClient, 4)};
     EXPECT_EQ(third.open(), kTryAgain);
+    // Who comes between the removal of the names makes none of them again.
     Segment{"ending"}.put(kStateAt, 2u);
+    for (const char* name : {"ending.0", "ending.heap"}) ASSERT_EQ(unlink(shm_file(name).c_str()), 0);
+    EXPECT_EQ(third.open(), kMissing);
+    EXPECT_FALSE(shm_exists("ending.0") || shm_exists("ending.heap"));
 }
 
 TEST(Channel, names_of_thirty_two_characters_are_removed_in_full) {

@@ -193,6 +193,12 @@ cerrno take_shape(IpcContext& ipc) {
 
 cerrno open_heap(IpcContext& ipc) {
     if (ipc.shape.heap_size == 0 || ipc.heap != 0) return 0;
+    int error = vchunk_attach(heap_name(ipc.name).text, ipc.heap);
+    return error == 0 ? 0 : fatal(error);
+}
+
+cerrno make_heap(IpcContext& ipc) {
+    if (ipc.shape.heap_size == 0 || ipc.heap != 0) return 0;
     int error = qel_ipc_init_large_data_heap(ipc.name, ipc.shape.msg_size, ipc.shape.heap_size, &ipc.heap);
     return error == 0 ? 0 : fatal(error);
 }

@@ -46,16 +46,21 @@ cerrno attach_control_block(IpcContext& ipc, const qel_ipc_attr& attr, bool& cre
 cerrno read_shape(const IpcHeader& header, ChannelShape& out);
 // Of a channel that is up: takes its sizes over, once.
 cerrno take_shape(IpcContext& ipc);
-// Opens the heap, if the channel has one and it isn't open.
+// Opens the heap, if the channel has one and it isn't open. One that isn't there is not made: the channel is
+// being destroyed then, and what is made now would stay.
 cerrno open_heap(IpcContext& ipc);
+// The same by the server that brings the channel up, which makes the heap.
+cerrno make_heap(IpcContext& ipc);
 
 // --- qel_ipc_ep.cpp; shm_mutex is held
 
 // Opens one end point and no other.
 cerrno open_ep(IpcContext& ipc, std::uint32_t ep);
-// Maps one end point's ring, by the channel's own name and sizes, unless it is.
+// Maps one end point's ring, by the channel's own name and sizes, unless it is. Ring 0 is the server's to
+// make.
 cerrno ensure_ring(IpcContext& ipc, std::uint32_t ep);
-// Maps ring 0 ahead of open_ep(), which then has less to do under shm_mutex. It need not be held here.
+// Maps ring 0, if it is there, ahead of open_ep(), which then has less to do under shm_mutex. It need not be
+// held here.
 void map_pool_ring(IpcContext& ipc);
 void attach_doorbell(IpcContext& ipc, std::uint32_t ep);
 // Closes ring and attachment; the handle record stays.

@@ -16,11 +16,13 @@ namespace {
 
 constexpr char kOpenEp[] = "qel_ipc_open_ep";
 
-cerrno map_ring(const char* channel, const ChannelShape& shape, std::uint32_t ep, qel_ring* alloc_ring,
-                qel_ring** out) {
-    return qel_ring_open(ring_name(channel, ep).text, static_cast<std::uint16_t>(ep),
-                         static_cast<std::uint16_t>(shape.total_msg),
-                         static_cast<std::uint16_t>(shape.msg_size), alloc_ring, out);
+// 'open' is qel_ring_open() or ring_attach().
+template <class Open>
+cerrno map_ring(Open open, const char* channel, const ChannelShape& shape, std::uint32_t ep,
+                qel_ring* alloc_ring, qel_ring** out) {
+    return open(ring_name(channel, ep).text, static_cast<std::uint16_t>(ep),
+                static_cast<std::uint16_t>(shape.total_msg), static_cast<std::uint16_t>(shape.msg_size),
+                alloc_ring, out);
 }
 
 cerrno attach(IpcContext& ipc, std::uint32_t ep) {
@@ -97,7 +99,8 @@ const char* record_check(const IpcHeader& header, std::uint32_t ep) {
 cerrno ensure_ring(IpcContext& ipc, std::uint32_t ep) {
     LocalEndPoint& local = ipc.eps[ep];
     if (local.ring != nullptr) return 0;
-    cerrno error = map_ring(ipc.name, ipc.shape, ep, ep == 0 ? nullptr : ipc.eps[0].ring, &local.ring);
+    auto open = ep == 0 && is_client(ipc) ? ring_attach : qel_ring_open;
+    cerrno error = map_ring(open, ipc.name, ipc.shape, ep, ep == 0 ? nullptr : ipc.eps[0].ring, &local.ring);
     return error == 0 ? 0 : ipc_error(ipc, ep, kOpenEp, "qel_ipc_open_ring failed", error);
 }
 
@@ -112,7 +115,9 @@ cerrno open_ep(IpcContext& ipc, std::uint32_t ep) {
 }
 
 void map_pool_ring(IpcContext& ipc) {
-    if (ipc.eps[0].ring == nullptr) static_cast<void>(ensure_ring(ipc, 0));  // Tried again by open_ep().
+    if (ipc.eps[0].ring != nullptr) return;
+    static_cast<void>(map_ring(ring_attach, ipc.name, ipc.shape, 0, nullptr,
+                               &ipc.eps[0].ring));  // Tried again by open_ep().
 }
 
 void attach_doorbell(IpcContext& ipc, std::uint32_t ep) {
@@ -169,7 +174,7 @@ cerrno qel_ipc_open_ring(const qel_ipc_hdr* hdr, uint32_t ep, qel_ring* alloc_ri
     if (hdr == nullptr || ring == nullptr || ep >= kMaxEndPoints) return fatal(EINVAL);
     ChannelShape shape;
     if (cerrno error = read_shape(*hdr, shape); error != 0) return error;
-    return map_ring(hdr->name, shape, ep, alloc_ring, ring);
+    return map_ring(qel_ring_open, hdr->name, shape, ep, alloc_ring, ring);
 }
 
 cerrno qel_ipc_ep_get_list(qel_ipc_handle handle, qel_ipc_ep_handle* list, uint32_t size, uint32_t* count) {

@@ -168,7 +168,7 @@ void open_clients(IpcContext& ipc) {
 cerrno bring_server_up(IpcContext& ipc, bool restarted) {
     if (cerrno error = start_doorbell(ipc, "qel_sep_init failed"); error != 0) return error;
     if (cerrno error = qel_ipc_open_ep(&ipc, 0); error != 0) return error;
-    if (cerrno error = open_heap(ipc); error != 0) return error;
+    if (cerrno error = make_heap(ipc); error != 0) return error;
     open_clients(ipc);
     if (restarted) ring_recover(*ipc.eps[0].ring);
     share_out(ipc, restarted);

@@ -134,15 +134,37 @@ void revive_mutexes(qel_ring& ring) {
         ipc_error("qel_ring_open", "revive ring_prod mutex", fatal(error));
 }
 
-cerrno attach(const char* name, const RingShape& shape, qel_ring* alloc_ring, qel_ring& ring) {
+enum class Missing { make, refuse };
+
+int map_segment(const char* name, std::uint32_t size, Missing missing, Mapping& out, std::uint8_t& existed) {
+    if (missing == Missing::make) return qel_shm_open(name, size, out.out(), &existed);
+    if (int error = qel_shm_open(name, 0, out.out(), &existed); error != 0) return error;
+    return out.info().size == size ? 0 : EINVAL;
+}
+
+cerrno attach(const char* name, const RingShape& shape, Missing missing, qel_ring* alloc_ring,
+              qel_ring& ring) {
     std::uint8_t existed = 0;
     auto size = static_cast<std::uint32_t>(shape.segment_size());
-    if (int error = qel_shm_open(name, size, ring.shm.out(), &existed); error != 0)
+    if (int error = map_segment(name, size, missing, ring.shm, existed); error != 0)
         return ipc_error("qel_ring_open", "ring open failed", composed(error));
     point_into_segment(ring, shape, alloc_ring);
     if (cerrno error = existed != 0 ? expect_format(ring) : format_or_remove(name, ring); error != 0)
         return error;
     revive_mutexes(ring);
+    return 0;
+}
+
+cerrno open_ring(const char* name, const RingShape& shape, Missing missing, qel_ring* alloc_ring,
+                 qel_ring** out) {
+    if (name == nullptr || out == nullptr || shape.size == 0) return fatal(EINVAL);
+    if ((shape.num == 0) != (alloc_ring == nullptr)) return fatal(EINVAL);
+    if (alloc_ring != nullptr && alloc_ring->num != 0) return fatal(EINVAL);
+    if (shape.segment_size() > std::numeric_limits<std::uint32_t>::max()) return fatal(EINVAL);
+    OwnedRing ring = make_context(shape);
+    if (!ring) return ipc_error("qel_ring_open", "no memory for the ring's context", fatal(ENOMEM));
+    if (cerrno error = attach(name, shape, missing, alloc_ring, *ring.get()); error != 0) return error;
+    *out = ring.release();
     return 0;
 }
 
@@ -196,6 +218,11 @@ const char* check_claims(const qel_ring& ring, const Regions& at) {
 
 }  // namespace
 
+cerrno ring_attach(const char* name, std::uint16_t ring_num, std::uint16_t ring_size, std::uint16_t msg_size,
+                   qel_ring* alloc_ring, qel_ring** out) {
+    return open_ring(name, {ring_num, ring_size, msg_size}, Missing::refuse, alloc_ring, out);
+}
+
 void RingLockFailures::lock_failed(int error) {
     report<"QRING1", "%s lock of a ring failed rc=%d">(error);
 }
@@ -231,16 +258,7 @@ using namespace qel;
 cerrno qel_ring_open(const char* name, uint16_t ring_num, uint16_t ring_size, uint16_t msg_size,
                      qel_ring* alloc_ring, qel_ring** out) {
     qel_check_not_interrupt_path();
-    if (name == nullptr || out == nullptr || ring_size == 0) return fatal(EINVAL);
-    if ((ring_num == 0) != (alloc_ring == nullptr)) return fatal(EINVAL);
-    if (alloc_ring != nullptr && alloc_ring->num != 0) return fatal(EINVAL);
-    RingShape shape{ring_num, ring_size, msg_size};
-    if (shape.segment_size() > std::numeric_limits<std::uint32_t>::max()) return fatal(EINVAL);
-    OwnedRing ring = make_context(shape);
-    if (!ring) return ipc_error(__func__, "no memory for the ring's context", fatal(ENOMEM));
-    if (cerrno error = attach(name, shape, alloc_ring, *ring.get()); error != 0) return error;
-    *out = ring.release();
-    return 0;
+    return open_ring(name, {ring_num, ring_size, msg_size}, Missing::make, alloc_ring, out);
 }
 
 cerrno qel_ring_close(qel_ring** ring) {

@@ -72,6 +72,10 @@ struct qel_ring {
 
 namespace qel {
 
+// qel_ring_open() for a ring that must be there: fatal(ENOENT) without its segment.
+cerrno ring_attach(const char* name, std::uint16_t ring_num, std::uint16_t ring_size, std::uint16_t msg_size,
+                   qel_ring* alloc_ring, qel_ring** out);
+
 // The payload of a message, 'msg_size' bytes.
 std::span<std::byte> ring_payload(const qel_ring& ring, qel_ring_msg& message);
 
