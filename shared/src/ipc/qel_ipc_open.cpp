@@ -33,6 +33,18 @@ struct Request {
     void* handler_ctx;
 };
 
+// What becomes of an opening under shm_mutex: who is refused there is told why when that is free again.
+struct Opening {
+    const qel_ipc_attr& attr;
+    bool restarted = false;
+    const char* refusal = nullptr;
+
+    cerrno refuse(const char* text, cerrno code) {
+        refusal = text;
+        return code;
+    }
+};
+
 // --- What is asked for
 
 struct Rule {
@@ -111,13 +123,13 @@ int await_doorbell(qel_sep_record& record) {
     return BriefSharedLocked{mutex_of(record), kDoorbellMs}.error();
 }
 
-cerrno start_doorbell(IpcContext& ipc, const char* text) {
+cerrno start_doorbell(IpcContext& ipc, Opening& opening, const char* text) {
     if (int error = await_doorbell(own_record(ipc).sep); error != 0)
-        return ipc_error(ipc, kOpen, text, fatal(error));
+        return opening.refuse(text, fatal(error));
     int error = qel_sep_init(static_cast<std::uint16_t>(ipc.ep), &ipc.sep, &ipc.eps[ipc.ep].sep,
                              &own_record(ipc).sep, ipc.dm, ipc_dm_handler, ipc.handle);
     if (error == 0) sep_handler_begins(ipc.sep);
-    return error == 0 ? 0 : ipc_error(ipc, kOpen, text, fatal(error));
+    return error == 0 ? 0 : opening.refuse(text, fatal(error));
 }
 
 void share_out(IpcContext& ipc, bool restarted) {
@@ -165,34 +177,34 @@ void open_clients(IpcContext& ipc) {
     }
 }
 
-cerrno bring_server_up(IpcContext& ipc, bool restarted) {
-    if (cerrno error = start_doorbell(ipc, "qel_sep_init failed"); error != 0) return error;
+cerrno bring_server_up(IpcContext& ipc, Opening& opening) {
+    if (cerrno error = start_doorbell(ipc, opening, "qel_sep_init failed"); error != 0) return error;
     if (cerrno error = qel_ipc_open_ep(&ipc, 0); error != 0) return error;
     if (cerrno error = make_heap(ipc); error != 0) return error;
     open_clients(ipc);
-    if (restarted) ring_recover(*ipc.eps[0].ring);
-    share_out(ipc, restarted);
+    if (opening.restarted) ring_recover(*ipc.eps[0].ring);
+    share_out(ipc, opening.restarted);
     return 0;
 }
 
-cerrno open_server(IpcContext& ipc, const qel_ipc_attr& attr, bool& restarted) {
+cerrno open_server(IpcContext& ipc, Opening& opening) {
     EndPointRecord& record = own_record(ipc);
-    restarted = read_shared(ipc.hdr->state) == ChannelState::active;
-    if (restarted) {
+    opening.restarted = read_shared(ipc.hdr->state) == ChannelState::active;
+    if (opening.restarted) {
         SharedLocked lock{ipc.hdr->fc_lock};
         mark_restarted(record);
-    } else if (cerrno error = found_channel(ipc, attr); error != 0) {
+    } else if (cerrno error = found_channel(ipc, opening.attr); error != 0) {
         return error;
     }
     ipc.incarnation = read_shared(record.restarts);
-    write_shared(record.app_id[1], attr.app_id);
+    write_shared(record.app_id[1], opening.attr.app_id);
     Undo give_up{[&] {
-        if (restarted) return;
+        if (opening.restarted) return;
         write_shared(record.ep_state, EndPointState::free);
         ipc.hdr->total_msg = 0;
         unlink_rings_and_heap(ipc.name);
     }};
-    if (cerrno error = bring_server_up(ipc, restarted); error != 0) return error;
+    if (cerrno error = bring_server_up(ipc, opening); error != 0) return error;
     give_up.keep();
     write_shared(ipc.hdr->state, ChannelState::active);
     for (std::uint32_t ep = 1; ep < end_point_limit(ipc); ++ep)
@@ -221,10 +233,10 @@ Place find_place(const IpcContext& ipc, std::uint64_t app_id) {
     return place;
 }
 
-cerrno refuse_place(const IpcContext& ipc, const Place& place) {
-    if (place.ep == kMaxEndPoints) return ipc_error(kOpen, "open_client: no EP available", fatal(ENOSPC));
+cerrno refuse_place(const IpcContext& ipc, const Place& place, Opening& opening) {
+    if (place.ep == kMaxEndPoints) return opening.refuse("open_client: no EP available", fatal(ENOSPC));
     if (place.restarted && open_elsewhere(ipc, place.ep))
-        return ipc_error(kOpen, "end point with same app_id already opened by this process", fatal(EPERM));
+        return opening.refuse("end point with same app_id already opened by this process", fatal(EPERM));
     return 0;
 }
 
@@ -254,22 +266,22 @@ cerrno replace_stale_ring(IpcContext& ipc) {
     return ensure_ring(ipc, ipc.ep);
 }
 
-cerrno open_own_ring(IpcContext& ipc, bool restarted) {
+cerrno open_own_ring(IpcContext& ipc, Opening& opening) {
     if (cerrno error = qel_ipc_open_ep(&ipc, ipc.ep); error != 0)
-        return error == fatal(EHOSTDOWN) ? error : ipc_error(ipc, kOpen, "open local EP failed", error);
-    if (!restarted) return replace_stale_ring(ipc);
+        return error == fatal(EHOSTDOWN) ? error : opening.refuse("open local EP failed", error);
+    if (!opening.restarted) return replace_stale_ring(ipc);
     ring_recover(*ipc.eps[ipc.ep].ring);
     return 0;
 }
 
-cerrno join_channel(IpcContext& ipc, bool restarted) {
+cerrno join_channel(IpcContext& ipc, Opening& opening) {
     static std::uint32_t tp = QEL_DT_TP_UNREGISTERED;
-    cerrno error = open_own_ring(ipc, restarted);
+    cerrno error = open_own_ring(ipc, opening);
     if (error == fatal(EHOSTDOWN))
         ipc_trace(tp, "pid: %d %s: server down, client delaying ready epid=%d", own_pid(), kOpen, ipc.ep);
     else if (error != 0)
         return error;
-    share_out(ipc, restarted && error == 0);
+    share_out(ipc, opening.restarted && error == 0);
     ipc.ready = error == 0;
     sep_wake_stranded(ipc.hdr->eps[0].sep);
     static_cast<void>(qel_sep_signal(&ipc.eps[0].sep, QEL_SEP_EP_UPDATE));  // It reports a failure itself.
@@ -282,24 +294,24 @@ void give_place_back(IpcContext& ipc, bool active) {
     if (active) qel_ipc_fc_recalc(&ipc);
 }
 
-cerrno open_client(IpcContext& ipc, const qel_ipc_attr& attr, bool& restarted) {
+cerrno open_client(IpcContext& ipc, Opening& opening) {
     ChannelState state = read_shared(ipc.hdr->state);
     bool active = state == ChannelState::active;
     if (active)
         if (cerrno error = take_shape(ipc); error != 0) return error;
     if (cerrno error = open_heap(ipc); error != 0)
-        return ipc_error(kOpen, "variable size heap initialization failed", error);
-    Place place = find_place(ipc, attr.app_id);
-    if (cerrno error = refuse_place(ipc, place); error != 0) return error;
-    restarted = place.restarted;
-    take_place(ipc, place, attr.app_id);
+        return opening.refuse("variable size heap initialization failed", error);
+    Place place = find_place(ipc, opening.attr.app_id);
+    if (cerrno error = refuse_place(ipc, place, opening); error != 0) return error;
+    opening.restarted = place.restarted;
+    take_place(ipc, place, opening.attr.app_id);
     Undo give_up{[&] {
         static_cast<void>(sep_stop(ipc.sep));  // A thread that doesn't end touches nothing more.
         if (!place.restarted) give_place_back(ipc, active);
     }};
-    if (cerrno error = start_doorbell(ipc, "sig end point init"); error != 0) return error;
+    if (cerrno error = start_doorbell(ipc, opening, "sig end point init"); error != 0) return error;
     if (active)
-        if (cerrno error = join_channel(ipc, restarted); error != 0) return error;
+        if (cerrno error = join_channel(ipc, opening); error != 0) return error;
     give_up.keep();
     if (state == ChannelState::fresh) write_shared(ipc.hdr->state, ChannelState::client_waits);
     return 0;
@@ -327,12 +339,17 @@ void map_ahead(IpcContext& ipc) {
     if (open_heap(ipc) == 0) map_pool_ring(ipc);
 }
 
-cerrno open_end_point(IpcContext& ipc, const qel_ipc_attr& attr, bool& restarted) {
-    map_ahead(ipc);
+cerrno take_end_point(IpcContext& ipc, Opening& opening) {
     SharedLocked lock{ipc.hdr->shm_mutex};
     if (read_shared(ipc.hdr->state) == ChannelState::destroy_pending)
-        return ipc_error(kOpen, "destroy pending", try_again(EAGAIN));
-    return is_client(ipc) ? open_client(ipc, attr, restarted) : open_server(ipc, attr, restarted);
+        return opening.refuse("destroy pending", try_again(EAGAIN));
+    return is_client(ipc) ? open_client(ipc, opening) : open_server(ipc, opening);
+}
+
+cerrno open_end_point(IpcContext& ipc, Opening& opening) {
+    map_ahead(ipc);
+    cerrno error = take_end_point(ipc, opening);
+    return error == 0 || opening.refusal == nullptr ? error : ipc_error(kOpen, opening.refusal, error);
 }
 
 void reclaim(IpcContext& ipc) {
@@ -385,12 +402,12 @@ cerrno open_context(IpcContext& ipc, const Request& request) {
     if (cerrno error = attach_control_block(ipc, request.attr, created); error != 0) return error;
     if (cerrno error = prepare_locals(ipc, request); error != 0) return error;
     *request.out = ipc.handle;
-    bool restarted = false;
-    if (cerrno error = open_end_point(ipc, request.attr, restarted); error != 0) return error;
+    Opening opening{request.attr};
+    if (cerrno error = open_end_point(ipc, opening); error != 0) return error;
     created = false;  // From here on others may count on it.
-    if (restarted) is_client(ipc) ? log_restart_of_client() : log_restart_of_server();
+    if (opening.restarted) is_client(ipc) ? log_restart_of_client() : log_restart_of_server();
     if (!is_client(ipc) || ipc.ready)
-        if (cerrno error = announce(ipc, restarted); error != 0) return error;
+        if (cerrno error = announce(ipc, opening.restarted); error != 0) return error;
     abandon.keep();
     return 0;
 }
