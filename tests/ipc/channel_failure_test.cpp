@@ -4,6 +4,9 @@
 
 #include "ipc/qel_ipc.hpp"
 
+#include <signal.h>
+#include <sys/resource.h>
+
 using namespace qel_test;
 
 namespace {
@@ -51,6 +54,25 @@ TEST(ChannelFailure, an_open_without_memory_leaves_nothing_behind) {
     EXPECT_EQ(server.close(), 0u);
     EXPECT_EQ(thread_count(), threads + 1);  // the second dispatcher's
     EXPECT_EQ(mapping_count("scarce"), mappings);
+}
+
+// The heap is over the limit for a file, so each open of the server fails after it has made the channel.
+TEST(ChannelFailure, who_joins_a_channel_that_could_not_be_made_is_not_forgotten) {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit whole{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &whole), 0);
+    const rlimit small{0x8000, whole.rlim_max};
+    for (int round = 0; round < 20 && !HasFailure(); ++round) {
+        Participant server{"unmade", channel_attr(kServer, 1)}, client{"unmade", channel_attr(kClient, 2)};
+        std::atomic<bool> joined{false};
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+        std::thread joiner{[&] { joined = eventually([&] { return client.open() == 0; }); }};
+        EXPECT_TRUE(eventually([&] { return server.open() != 0 && joined; }));
+        joiner.join();
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &whole), 0);
+        EXPECT_EQ(server.open(), 0u);
+        EXPECT_TRUE(client.told(QEL_IPC_EVENT_READY));
+    }
 }
 
 }  // namespace

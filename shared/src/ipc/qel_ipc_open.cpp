@@ -392,11 +392,20 @@ cerrno announce(IpcContext& ipc, bool restarted) {
     return qel_ipc_send_local_event(&ipc, events);
 }
 
+// Removes a block that this opener has made and could not use. Who has mapped it meanwhile is sent away, or
+// has got in already, and then it is theirs.
+void remove_block(IpcContext& ipc) {
+    SharedLocked lock{ipc.hdr->shm_mutex};
+    if (read_shared(ipc.hdr->state) != ChannelState::fresh) return;
+    write_shared(ipc.hdr->state, ChannelState::destroy_pending);
+    static_cast<void>(qel_shm_unlink(ipc.name));  // Gone already is as good.
+}
+
 cerrno open_context(IpcContext& ipc, const Request& request) {
     bool created = false;
     Undo abandon{[&] {
         *request.out = 0;
-        if (created) static_cast<void>(qel_shm_unlink(request.name));  // Gone already is as good.
+        if (created) remove_block(ipc);
         let_go(ipc, sep_stop(ipc.sep));
     }};
     if (cerrno error = attach_control_block(ipc, request.attr, created); error != 0) return error;
