@@ -150,6 +150,10 @@ TEST(Channel, the_end_reaches_everybody_and_removes_every_name) {
     for (const char* name : {"ending.0", "ending.heap"}) ASSERT_EQ(unlink(shm_file(name).c_str()), 0);
     EXPECT_EQ(third.open(), kMissing);
     EXPECT_FALSE(shm_exists("ending.0") || shm_exists("ending.heap"));
+    // Nor does a server end what is being ended.
+    Segment{"ending"}.put(kStateAt, 3u);
+    EXPECT_EQ(server.close(), 0u);
+    EXPECT_TRUE(shm_exists("ending") && qel_ipc_cleanup("ending") == 0);
 }
 
 TEST(Channel, names_of_thirty_two_characters_are_removed_in_full) {
@@ -280,13 +284,66 @@ TEST(Channel, a_killed_server_comes_back_to_its_messages) {
         // Nobody is there, but there is room.
         ASSERT_EQ(client.send(5), 0u);
     }
-    // A client that comes back, and one that is new, while no server is there.
+    // A client that comes back, and one that is new, while no server is there; and one that is told so.
     EXPECT_EQ(waiting.ask("open"), "0");
+    Participant delayed{"phoenix", channel_attr(kClient, 4)};
+    Segment{"phoenix"}.put(ep_at(0), 2u);
+    EXPECT_EQ(delayed.open(), 0u);
     PeerProcess server{"phoenix", kServer, 1};
     ASSERT_EQ(server.ask("open"), "0");
     EXPECT_EQ(waiting.ask("told 4800"), "yes");
+    EXPECT_TRUE(delayed.told(QEL_IPC_EVENT_READY));
+    EXPECT_EQ(delayed.connections(), std::vector<Connection>{});
     EXPECT_EQ(server.ask("close"), "0");
     EXPECT_EQ(waiting.ask("told 8000"), "yes");
+}
+
+TEST(Channel, a_process_that_closes_gives_all_back) {
+    qel_ipc_attr attr = channel_attr(kServer, 1);
+    attr.ext_cs = 1;
+    Participant server{"leaving", attr};
+    PeerProcess client{"leaving", kClient, 2};
+    ASSERT_TRUE(server.open() == 0 && client.ask("open") == "0" && server.connected({up(2)}));
+    qel_ipc_ep_handle ep = server.connections()[0].ep;
+    for (std::uint64_t context = 1; context <= 4; ++context)
+        ASSERT_EQ(server.send(context, ep, context % 2 != 0 ? 8 : 5000), 0u);
+    ASSERT_TRUE(client.ask("take 2") == "1 2 " && client.ask("alloc 2") == "2");
+    EXPECT_EQ(client.ask("close"), "0");
+    EXPECT_TRUE(server.connected({up(2), gone(2)}));
+    EXPECT_FALSE(shm_exists("leaving.1"));
+    Segment block{"leaving"};
+    EXPECT_EQ(block.get<std::uint32_t>(ep_at(0) + kAllocAt), 0u);
+    EXPECT_EQ(block.get<std::uint32_t>(ep_at(1)), 0u);
+    EXPECT_EQ(server.send(5, ep), kGone);
+}
+
+TEST(Channel, who_was_taken_over_leaves_the_heir_alone) {
+    Participant server{"heirs", channel_attr(kServer, 1)}, first{"heirs", channel_attr(kClient, 2)};
+    PeerProcess heir{"heirs", kClient, 2};
+    ASSERT_TRUE(server.open() == 0 && first.open() == 0 && server.connected({up(2)}));
+    ASSERT_EQ(heir.ask("open"), "0");
+    EXPECT_TRUE(server.connected({up(2), {QEL_IPC_EP_ENDED, 2, 0}, {QEL_IPC_EP_BACK, 2, 0}}));
+    EXPECT_EQ(first.close(), 0u);
+    EXPECT_TRUE(shm_exists("heirs.1"));
+    EXPECT_EQ(heir.ask("send 1"), "1");
+    EXPECT_EQ(server.receive(), 1u);
+}
+
+TEST(Channel, flow_comes_on_again_across_processes) {
+    Participant server{"flow", channel_attr(kServer, 1)};
+    PeerProcess greedy{"flow", kClient, 2}, starving{"flow", kClient, 3};
+    ASSERT_TRUE(server.open() == 0 && greedy.ask("open") == "0" && greedy.ask("send 100") == "40");
+    EXPECT_EQ(greedy.ask("told 2000"), "yes");
+    for (std::uint64_t context = 1; context <= 64; ++context) ASSERT_EQ(server.receive(), context);
+    server.drop_held();  // The server rings the client's bell itself.
+    EXPECT_EQ(greedy.ask("told 1000"), "yes");
+    // A client gives back what another one lacks: the server passes that on.
+    ASSERT_EQ(greedy.ask("alloc 100"), "40");
+    ASSERT_EQ(starving.ask("open"), "0");
+    EXPECT_EQ(starving.ask("told 2800"), "yes");
+    ASSERT_TRUE(server.connected({up(2), up(3)}));
+    greedy.ask("drop");
+    EXPECT_EQ(starving.ask("told 1000"), "yes");
 }
 
 TEST(Channel, both_ends_killed_lose_nothing) {
@@ -443,9 +500,14 @@ TEST(Channel, a_close_under_load_strands_nobody) {
                     if (qel_ipc_receive(ipc, nullptr, &msg, nullptr) == 0) qel_ipc_msg_free(&msg);
                 }
             });
-        EXPECT_EQ((round % 2 != 0 ? server : client).close(), 0u);
+        Participant& closing = round % 2 != 0 ? server : client;
+        cerrno second = 0;
+        callers.emplace_back([&second, ipc = closing.ipc]() mutable { second = qel_ipc_close(&ipc); });
+        cerrno first = closing.close();
         closed = true;
         for (std::thread& caller : callers) caller.join();
+        EXPECT_TRUE(first == 0 || second == 0);
+        EXPECT_TRUE((first | second) == 0 || (first | second) == kInvalid);
     }
 }
 
