@@ -1,4 +1,4 @@
-/* The protocol of the key-value service: what a client writes into a message, and the server into its reply.
+/* What ipc_server and ipc_client share: the messages of the key-value service, and their first steps.
  *
  * A client numbers its puts 1, 2, 3 ...; the server takes them in that order only, and the status of each
  * reply is the number of the last put that it has taken. So whoever is killed, on either side, a client that
@@ -6,7 +6,11 @@
 #ifndef IPC_KV_H
 #define IPC_KV_H
 
-#include <stdint.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <qel/qel.h>
 
 #define KV_CHANNEL "kv"
 #define KV_CLIENTS 8     /* clients that the server remembers */
@@ -19,15 +23,36 @@
 enum kv_operation {
     KV_PUT,     /* stores a value; sent asynchronously */
     KV_GET,     /* the reply's data is the value; synchronous */
-    KV_PROGRESS /* the reply's status is the number of the last put taken; synchronous */
+    KV_PROGRESS /* the reply's status alone matters; synchronous */
 };
 
+/* A message's data; a put's value follows. */
 struct kv_request {
     uint32_t operation;
     uint32_t key;
     uint32_t number; /* of a put */
-    uint32_t length; /* bytes of 'value' */
-    char value[];
+    uint32_t length; /* bytes of the value */
 };
+
+static inline void must(cerrno error, const char* what) {
+    if (error == 0) return;
+    fprintf(stderr, "%s: %s\n", what, cerr_strerror(error));
+    exit(1);
+}
+
+/* Makes a dispatcher that a thread of its own serves. The signals that end the program go to 'ends', for main
+ * to wait for; 'prefix', unless null, is put before all names in shared memory. */
+static inline qel_dm_handle kv_begin(const char* name, const char* prefix, sigset_t* ends) {
+    const qel_dm_threadpool_attr one_thread = {1, 1, 1, NULL, NULL};
+    qel_dm_handle dm = 0;
+    sigemptyset(ends);
+    sigaddset(ends, SIGTERM);
+    sigaddset(ends, SIGINT);
+    pthread_sigmask(SIG_BLOCK, ends, NULL); /* also for the threads to come */
+    if (prefix != NULL) must((cerrno)qel_ppm_set_string("qel.shm.root", prefix), "prefix");
+    must((cerrno)qel_dm_create(&dm, name, 0), "dispatcher");
+    must((cerrno)qel_dm_threadpool_create(dm, 0, &one_thread, NULL), "thread");
+    return dm;
+}
 
 #endif

@@ -1,41 +1,30 @@
-/* ipc_server: a key-value service over one channel.
+/* ipc_server: a key-value service over one channel, until SIGTERM or SIGINT. Its client is ipc_client.c.
  *
  * usage: ipc_server [PREFIX]
  *
- * Serves until SIGTERM or SIGINT; PREFIX is put before the names in shared memory. Values lie in a shared
- * segment of their own, so a server that was killed goes on where it ended: the library hands it the requests
- * that waited, and clients send again what was being handled. See ipc_client.c. */
-#include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
+ * PREFIX is put before the names in shared memory. Values lie in a segment of their own, so a server that was
+ * killed goes on where it ended: the channel hands it the requests that waited, and clients send again those
+ * that it held when it died. */
+#include <errno.h>
 #include <string.h>
-
-#include <qel/qel.h>
 
 #include "ipc_kv.h"
 
 struct value {
-    uint32_t length; /* bytes */
+    uint32_t length;
     char bytes[KV_LONGEST];
 };
 
 struct client {
     uint64_t app_id; /* 0 for a free place */
     uint32_t taken;  /* the number of the last put taken, written after its value */
-    uint32_t repeated;
+    uint32_t again;  /* puts that came again, or before one that is still missing */
     struct value values[KV_KEYS];
 };
 
 static struct client* clients; /* KV_CLIENTS of them, in shared memory */
-static unsigned served, restarts_seen;
 
-static void must(uint32_t error, const char* what) {
-    if (error == 0) return;
-    fprintf(stderr, "ipc_server: %s: %s\n", what, cerr_strerror(error));
-    exit(1);
-}
-
-/* The sender's place, found by the identity that it opened the channel with; null if all are taken. */
+/* The sender's place, by the identity that it opened the channel with; null if all are taken. */
 static struct client* client_of(qel_ipc_handle ipc, qel_ipc_msg msg) {
     qel_ipc_ep_handle sender;
     uint64_t id[2];
@@ -48,77 +37,67 @@ static struct client* client_of(qel_ipc_handle ipc, qel_ipc_msg msg) {
     return NULL;
 }
 
-static int is_sound(const struct kv_request* request, uint32_t size) {
-    return size >= sizeof *request && request->key < KV_KEYS && request->length <= KV_LONGEST &&
-           request->length <= size - sizeof *request;
+/* Copies a request's fixed part, which its sender can still write to, and gives the value behind it; null if
+ * it isn't sound. */
+static const char* read_request(qel_ipc_msg msg, struct kv_request* request) {
+    void* data;
+    uint32_t size;
+    if (qel_ipc_msg_get_buffer(msg, &data, &size) != 0 || size < sizeof *request) return NULL;
+    memcpy(request, data, sizeof *request);
+    if (request->key >= KV_KEYS || request->length > KV_LONGEST) return NULL;
+    return request->length <= size - sizeof *request ? (const char*)data + sizeof *request : NULL;
 }
 
-static void put(struct client* c, const struct kv_request* request) {
+static void put(struct client* c, const struct kv_request* request, const char* bytes) {
     struct value* value = &c->values[request->key];
-    if (request->number != c->taken + 1) { /* sent again, or sent before one that is still missing */
-        ++c->repeated;
+    if (request->number != c->taken + 1) {
+        ++c->again;
         return;
     }
     value->length = request->length;
-    memcpy(value->bytes, request->value, request->length);
+    memcpy(value->bytes, bytes, request->length);
     c->taken = request->number;
 }
 
-static void get(const struct client* c, const struct kv_request* request, qel_ipc_msg msg) {
-    const struct value* value = &c->values[request->key];
+static cerrno get(const struct value* value, qel_ipc_msg msg) {
     void* reply;
-    if (qel_ipc_msg_alloc_reply_buffer(msg, value->length, &reply) == 0 && value->length != 0)
-        memcpy(reply, value->bytes, value->length);
+    cerrno error = qel_ipc_msg_alloc_reply_buffer(msg, value->length, &reply);
+    if (error == 0 && value->length != 0) memcpy(reply, value->bytes, value->length);
+    return error;
 }
 
-static void serve(qel_ipc_handle ipc, qel_ipc_msg msg) {
-    void* data = NULL;
-    uint32_t size = 0;
+static cerrno serve(qel_ipc_handle ipc, qel_ipc_msg msg) {
+    struct kv_request request;
     struct client* c = client_of(ipc, msg);
-    if (c == NULL || qel_ipc_msg_get_buffer(msg, &data, &size) != 0 || !is_sound(data, size)) {
-        qel_ipc_msg_free(&msg);
-        return;
-    }
-    const struct kv_request* request = data;
-    if (request->operation == KV_PUT) put(c, request);
-    if (request->operation == KV_GET) get(c, request, msg);
-    ++served;
-    if (qel_ipc_reply(ipc, NULL, msg, c->taken) != 0) qel_ipc_msg_free(&msg); /* the client has gone */
+    const char* bytes = read_request(msg, &request);
+    cerrno error = 0;
+    if (c == NULL || bytes == NULL) return EINVAL;
+    if (request.operation == KV_PUT) put(c, &request, bytes);
+    if (request.operation == KV_GET) error = get(&c->values[request.key], msg);
+    return error != 0 ? error : qel_ipc_reply(ipc, NULL, msg, c->taken);
 }
 
 static void on_event(qel_ipc_handle ipc, uint32_t events, void* context) {
     qel_ipc_msg msg;
-    qel_ipc_ep_handle ep;
-    uint32_t what;
+    (void)events; /* that a client has come, gone or come back changes nothing here */
     (void)context;
-    if (events & QEL_IPC_EVENT_EP_UPDATE)
-        while (qel_ipc_get_connection_event(ipc, &what, &ep) == 0) restarts_seen += what == QEL_IPC_EP_BACK;
-    if (events & QEL_IPC_EVENT_INPUT)
-        while (qel_ipc_receive(ipc, NULL, &msg, NULL) == 0) serve(ipc, msg);
+    while (qel_ipc_receive(ipc, NULL, &msg, NULL) == 0)
+        if (serve(ipc, msg) != 0) qel_ipc_msg_free(&msg); /* who still needs an answer asks again */
 }
 
 int main(int argc, char** argv) {
-    const qel_dm_threadpool_attr one_thread = {1, 1, 1, NULL, NULL};
-    qel_dm_handle dm = 0;
-    qel_ipc_handle ipc = 0;
+    qel_ipc_handle ipc;
     qel_ipc_attr attr;
+    qel_ipc_stats stats;
     qel_shm_info store;
     sigset_t ends;
     int signal;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGTERM);
-    sigaddset(&ends, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &ends, NULL); /* also for the threads to come */
-
-    if (argc > 1) must((uint32_t)qel_ppm_set_string("qel.shm.root", argv[1]), "root");
-    must((uint32_t)qel_shm_safe_open("kv.store", QEL_SHM_CREATE, KV_CLIENTS * sizeof *clients, 1, NULL, NULL,
-                                     0, &store),
-         "store");
+    qel_dm_handle dm = kv_begin("ipc_server", argc > 1 ? argv[1] : NULL, &ends);
+    uint32_t size = (uint32_t)(KV_CLIENTS * sizeof *clients);
+    must((cerrno)qel_shm_safe_open("kv.store", QEL_SHM_CREATE, size, 1, NULL, NULL, 0, &store), "store");
     clients = store.addr;
-    must((uint32_t)qel_dm_create(&dm, "ipc_server", 0), "dispatcher");
-    must((uint32_t)qel_dm_threadpool_create(dm, 0, &one_thread, NULL), "thread");
+
     must(qel_ipc_attr_init(&attr, QEL_IPC_ROLE_SERVER), "attributes");
-    attr.msg_mode = 2; /* clients make synchronous calls */
     attr.max_clients = KV_CLIENTS;
     attr.max_msg_count = KV_MESSAGES;
     attr.max_msg_size = KV_INLINE;
@@ -128,11 +107,13 @@ int main(int argc, char** argv) {
     fflush(stdout);
 
     sigwait(&ends, &signal);
+    must(qel_ipc_get_stats(ipc, &stats), "statistics");
     qel_ipc_close(&ipc);
     qel_dm_destroy(&dm);
     for (struct client* c = clients; c < clients + KV_CLIENTS && c->app_id != 0; ++c)
-        printf("ipc_server: client %u: %u puts taken, %u came again\n", (unsigned)c->app_id, c->taken,
-               c->repeated);
-    printf("ipc_server: %u requests served, %u restarts of clients seen\n", served, restarts_seen);
+        printf("ipc_server: client %llu: %u puts taken, %u came again\n", (unsigned long long)c->app_id,
+               c->taken, c->again);
+    printf("ipc_server: %llu messages received, %llu sent\n", (unsigned long long)stats.received,
+           (unsigned long long)stats.sent);
     return 0;
 }
