@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdio>
 
+#include "ipc/qel_ipc_channel.hpp"
 #include "ipc/qel_ipc_dump.hpp"
 #include "ipc/qel_ipc_inspect.hpp"
 #include "ipc/qel_ring_words.hpp"
@@ -111,9 +112,7 @@ class DumpHeap {
   public:
     explicit DumpHeap(const IpcHeader& header) {
         if (header.heap_size == 0) return;
-        char name[kNameSize + sizeof ".heap"];
-        std::snprintf(name, sizeof name, "%s.heap", header.name);
-        if (int error = vchunk_attach(name, pool_); error != 0)
+        if (int error = vchunk_attach(heap_name(header.name).text, pool_); error != 0)
             static_cast<void>(qel_cli_printf("    error opening heap rc=%d\n", error));
     }
     DumpHeap(const DumpHeap&) = delete;

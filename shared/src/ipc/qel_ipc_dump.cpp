@@ -17,14 +17,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ipc/qel_ipc_channel.hpp"
 #include "ipc/qel_ipc_inspect.hpp"
 #include "ipc/qel_ring_words.hpp"
 
 namespace qel {
 namespace {
-
-// The name of a ring: at most 32 characters, a dot, and the end point's number.
-constexpr std::size_t kRingNameSize = kNameSize + 11;
 
 cerrno close_ring(qel_ring* ring) {
     return qel_ring_close(&ring);
@@ -60,11 +58,10 @@ void print_flow_table(const IpcHeader& header) {
 
 // The ring's open would make one that is absent.
 cerrno open_existing_ring(const IpcHeader& header, std::uint32_t ep, qel_ring* alloc_ring, OpenRing& out) {
-    char name[kRingNameSize];
-    std::snprintf(name, sizeof name, "%s.%u", header.name, ep);
     Mapping existing;
     std::uint8_t existed = 0;
-    if (int error = qel_shm_open(name, 0, existing.out(), &existed); error != 0) return fatal(error);
+    int unopened = qel_shm_open(ring_name(header.name, ep).text, 0, existing.out(), &existed);
+    if (unopened != 0) return fatal(unopened);
     qel_ring* ring = nullptr;
     cerrno error = qel_ipc_open_ring(&header, ep, alloc_ring, &ring);
     if (error == 0) out.reset(ring);

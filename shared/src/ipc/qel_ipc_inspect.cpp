@@ -12,9 +12,9 @@
 
 #include <qel/base.h>
 
-#include <cstdio>
 #include <cstring>
 
+#include "ipc/qel_ipc_channel.hpp"
 #include "ipc/qel_ring_words.hpp"
 #include "shm/qel_mem_safe_shm_lnx.hpp"
 #include "shm/qel_mem_safe_shm_object.hpp"
@@ -64,13 +64,6 @@ bool at_work(const SharedMutex& mutex) {
     return holder != 0 && is_alive(holder);
 }
 
-struct RingName {
-    RingName(const IpcHeader& header, std::uint32_t ep) {
-        std::snprintf(text, sizeof text, "%s.%u", header.name, ep);
-    }
-    char text[kNameSize + 11];
-};
-
 // Header and index as they are, and of each message its control block.
 int read_parts(const OpenObject& object, const RingSizes& sizes, std::byte* out) {
     if (int error = shm_platform::read_object(object.object, 0, {out, sizes.area}); error != 0) return error;
@@ -86,7 +79,7 @@ int read_parts(const OpenObject& object, const RingSizes& sizes, std::byte* out)
 bool unchanged_ring(const IpcHeader& header, const qel_ring& ring) {
     OpenObject object;
     std::byte now[sizeof(RingHeader)];
-    return open_named(RingName{header, ring.num}.text, object) == 0 &&
+    return open_named(ring_name(header.name, ring.num).text, object) == 0 &&
            shm_platform::read_object(object.object, 0, now) == 0 &&
            std::memcmp(now, ring.hdr, sizeof now) == 0;
 }
@@ -157,7 +150,7 @@ int ChannelLook::read_ring(std::uint32_t ep) {
 
 int ChannelLook::copy_ring(std::uint32_t ep, RingCopy& copy) {
     OpenObject object;
-    if (int error = open_named(RingName{*header_, ep}.text, object); error != 0) return error;
+    if (int error = open_named(ring_name(header_->name, ep).text, object); error != 0) return error;
     RingSizes sizes{*header_, ep};
     if (header_->total_msg == 0 || header_->msg_size > 0xffff || object.size != sizes.in_object())
         return EBADF;
