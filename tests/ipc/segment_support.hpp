@@ -7,8 +7,8 @@
 
 namespace qel_test {
 
-// Offsets in the channel's header.
-inline constexpr std::uint32_t kShmMutex = 8, kFcLock = 104;
+// Offsets in the channel's header, and in its heap's segment.
+inline constexpr std::uint32_t kShmMutex = 8, kFcLock = 104, kHeapLock = 28;
 
 struct Segment {
     qel_shm_info info{};
@@ -23,10 +23,11 @@ struct Segment {
     }
 };
 
-// Takes a lock of a segment and dies with it.
+// Takes a lock of a segment and dies with it. The heap's isn't aligned as its type is, and need not be.
 QEL_ROLE(dies_with_lock) {
     Segment segment{args[0]};
-    return pthread_mutex_lock(&segment.at<pthread_mutex_t>(std::stoul(args[1])));
+    return pthread_mutex_lock(
+        reinterpret_cast<pthread_mutex_t*>(&segment.at<std::byte>(std::stoul(args[1]))));
 }
 
 }  // namespace qel_test

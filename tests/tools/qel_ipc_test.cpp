@@ -100,13 +100,15 @@ TEST_F(QelIpc, tells_what_is_wrong) {
     Result held = qel("ipc show " + name_);
     EXPECT_EQ(held.code, kFinding);
     EXPECT_THAT(held.output, HasSubstr("FINDING: lock (end point 0): shm_mutex is held by thread "));
+    ASSERT_EQ(Child("dies_with_lock", {name_ + ".heap", std::to_string(kHeapLock)}).wait(), 0);
+    EXPECT_THAT(qel("ipc show " + name_).output, HasSubstr("heap lock is held by thread "));
 
     constexpr std::size_t kClientAlloc = 200 + 168 + 128, kProdIdx = 8;
     Segment{name_}.at<std::uint32_t>(kClientAlloc) = 7;
     Segment{name_ + ".0"}.at<std::uint32_t>(kProdIdx) = 1'000'000;
     EXPECT_EQ(qel("ipc show " + name_).code, kFinding);
     EXPECT_EQ(json("ipc show " + name_, "[f[\"part\"] for f in d[\"findings\"]]"),
-              "['lock', 'ledger', 'ring']\n");
+              "['lock', 'lock', 'ledger', 'ring']\n");
     EXPECT_EQ(qel("ipc ls").code, kFine);
 }
 

@@ -226,7 +226,9 @@ Json describe_findings(const ChannelLook& look) {
     Json findings = Json::array();
     look.check([&](const qel::Finding& finding) {
         std::string text = finding.text;
-        if (finding.holder != 0) text += fmt::format(" is held by thread {}, which is gone", finding.holder);
+        if (finding.part == std::string_view{"lock"})
+            text += finding.holder != 0 ? fmt::format(" is held by thread {}, which is gone", finding.holder)
+                                        : " is held by a thread that left no name";
         findings.push_back({{"part", finding.part}, {"ep", finding.ep}, {"text", text}});
     });
     return findings;

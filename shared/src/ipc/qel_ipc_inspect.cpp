@@ -11,6 +11,7 @@
 #include "ipc/qel_ipc_inspect.hpp"
 
 #include <qel/base.h>
+#include <qel/shm.h>
 
 #include <cstring>
 
@@ -18,6 +19,7 @@
 #include "ipc/qel_ring_words.hpp"
 #include "shm/qel_mem_safe_shm_lnx.hpp"
 #include "shm/qel_mem_safe_shm_object.hpp"
+#include "shm/qel_mem_vchunk_heap.hpp"
 
 namespace qel {
 
@@ -115,6 +117,10 @@ bool is_alive(std::uint32_t pid) {
     return pid != 0 && shm_platform::thread_exists(pid);
 }
 
+bool is_held(const SharedMutex& mutex) {
+    return !shm_platform::is_free(reinterpret_cast<const shm_platform::PlacedMutex&>(mutex));
+}
+
 std::uint32_t lock_holder(const SharedMutex& mutex) {
     return shm_platform::holder_of(reinterpret_cast<const pthread_mutex_t&>(mutex));
 }
@@ -135,10 +141,20 @@ int ChannelLook::read_header(const char* name) {
 
 int ChannelLook::read(const char* name) {
     if (int error = read_header(name); error != 0) return error;
+    read_heap_lock();
     for (std::uint32_t ep = 0; ep < kMaxEndPoints; ++ep)
         if (int error = read_ring(ep); error == ENOMEM) return error;
     settled_ = header_settled_ && unchanged(name);
     return 0;
+}
+
+// Of the heap only its lock, at which all participants wait when its holder has died.
+void ChannelLook::read_heap_lock() {
+    OpenObject heap;
+    std::memset(heap_lock_, 0, sizeof heap_lock_);
+    if (header_->heap_size == 0 || open_named(heap_name(header_->name).text, heap) != 0) return;
+    std::uint64_t at = QEL_SHM_SAFE_HEADER_SIZE + offsetof(VchunkHeapHeader, lock);
+    static_cast<void>(shm_platform::read_object(heap.object, at, heap_lock_));  // Too short: no lock is held.
 }
 
 int ChannelLook::read_ring(std::uint32_t ep) {

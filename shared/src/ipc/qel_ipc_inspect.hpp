@@ -31,7 +31,7 @@ class HeaderCopy {
 struct HeldLock {
     const char* name;
     std::uint32_t ep;      // of a ring or signal record; 0 for the channel's own
-    std::uint32_t holder;  // thread ID
+    std::uint32_t holder;  // thread ID; 0 in between taking the mutex and leaving one's name
     bool lives;
 };
 
@@ -40,7 +40,7 @@ struct Finding {
     const char* part;  // "ledger", "end points", "ring", "lock"
     std::uint32_t ep;  // of the ring or lock
     const char* text;
-    std::uint32_t holder;  // of a lock, else 0
+    std::uint32_t holder;  // of a lock, if it is known, else 0
 };
 
 struct RingSizes;
@@ -78,6 +78,7 @@ class ChannelLook {
         int error = ENOENT;
     };
 
+    void read_heap_lock();
     int read_ring(std::uint32_t ep);
     int copy_ring(std::uint32_t ep, RingCopy& copy);
     void describe_ring(std::byte* start, std::uint32_t ep, const RingSizes& sizes, qel_ring& ring);
@@ -86,6 +87,7 @@ class ChannelLook {
     const char* check_ring(std::uint32_t ep) const;
 
     HeaderCopy header_;
+    alignas(SharedMutex) std::byte heap_lock_[sizeof(SharedMutex)]{};
     std::array<RingCopy, kMaxEndPoints> rings_;
     bool header_settled_ = false;
     bool settled_ = false;
@@ -93,17 +95,19 @@ class ChannelLook {
 
 // Whether the kernel knows the process or thread.
 bool is_alive(std::uint32_t pid);
+bool is_held(const SharedMutex& mutex);
 // The thread that holds the mutex, 0 for none.
 std::uint32_t lock_holder(const SharedMutex& mutex);
 
 template <class Visit>
 void ChannelLook::for_each_held(Visit visit) const {
     auto look = [&](const char* name, std::uint32_t ep, const SharedMutex& mutex) {
-        if (std::uint32_t holder = lock_holder(mutex); holder != 0)
-            visit(HeldLock{name, ep, holder, is_alive(holder)});
+        std::uint32_t holder = lock_holder(mutex);
+        if (holder != 0 || is_held(mutex)) visit(HeldLock{name, ep, holder, is_alive(holder)});
     };
     look("shm_mutex", 0, header_->shm_mutex);
     look("fc_lock", 0, header_->fc_lock);
+    look("heap lock", 0, reinterpret_cast<const SharedMutex&>(heap_lock_));
     for (std::uint32_t ep = 0; ep < kMaxEndPoints; ++ep) {
         if (header_->eps[ep].ep_state == EndPointState::free) continue;
         look("sep_mutex", ep, reinterpret_cast<const SharedMutex&>(header_->eps[ep].sep.sep_mutex));
