@@ -17,6 +17,17 @@ endif()
 # These write the machine's start-up parameter file.
 qel_test_properties(core.ppm_test RESOURCE_LOCK ppm_file)
 
+# Kills at any moment: many from either of two seeds where the build is fast.
+if(TARGET chaos_failure_test)
+    qel_test_properties(ipc.chaos_failure_test TIMEOUT 180)
+    if(NOT QEL_SANITIZE)
+        set_tests_properties(ipc.chaos_failure_test PROPERTIES ENVIRONMENT "QEL_CHAOS_KILLS=2000;QEL_CHAOS_SEED=1")
+        add_test(NAME ipc.chaos_failure_test_2 COMMAND chaos_failure_test)
+        set_tests_properties(ipc.chaos_failure_test_2 PROPERTIES TIMEOUT 180
+                             ENVIRONMENT "QEL_CHAOS_KILLS=2000;QEL_CHAOS_SEED=2")
+    endif()
+endif()
+
 # Protocols searched through all interleavings where spin is installed. The search is of the model, so one build's run
 # is enough.
 find_program(QEL_SPIN spin)
