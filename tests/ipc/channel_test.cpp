@@ -332,7 +332,8 @@ TEST(Channel, who_was_taken_over_leaves_the_heir_alone) {
 TEST(Channel, flow_comes_on_again_across_processes) {
     Participant server{"flow", channel_attr(kServer, 1)};
     PeerProcess greedy{"flow", kClient, 2}, starving{"flow", kClient, 3};
-    ASSERT_TRUE(server.open() == 0 && greedy.ask("open") == "0" && greedy.ask("send 100") == "40");
+    ASSERT_TRUE(server.open() == 0 && greedy.ask("open") == "0" && server.connected({up(2)}));
+    ASSERT_EQ(greedy.ask("send 100"), "40");
     EXPECT_EQ(greedy.ask("told 2000"), "yes");
     for (std::uint64_t context = 1; context <= 64; ++context) ASSERT_EQ(server.receive(), context);
     server.drop_held();  // The server rings the client's bell itself.

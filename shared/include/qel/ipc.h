@@ -194,7 +194,8 @@ QEL_API cerrno qel_ipc_ep_get_app_id(qel_ipc_handle ipc, qel_ipc_ep_handle ep, u
  * Takes the next connection event of the calling thread: what has become of which end point, as
  * QEL_IPC_EP_UP, QEL_IPC_EP_GONE, QEL_IPC_EP_ENDED or QEL_IPC_EP_BACK. An end point that comes back keeps its
  * handle. For handlers: the list is freed when the handler returns. Clients that waited for the server are
- * not told as events; qel_ipc_ep_get_list() has them.
+ * not told as events, nor is one whose end point the server has opened before, by an answer to its first
+ * message; qel_ipc_ep_get_list() has them.
  *
  * Returns 0; 0x8000000b when there is none left; 0xa0000016 for null or a handle that is none.
  */
