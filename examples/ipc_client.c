@@ -145,7 +145,7 @@ int main(int argc, char** argv) {
     qel_dm_handle dm = kv_begin("ipc_client", argc > 2 ? argv[2] : NULL, &ends);
     must(qel_ipc_attr_init(&attr, QEL_IPC_ROLE_CLIENT), "attributes");
     attr.msg_mode = 2; /* synchronous calls too */
-    attr.app_id = strtoull(argv[1], NULL, 10);
+    attr.app_id = strtoul(argv[1], NULL, 10);
     c.lives = (uint64_t)getpid() << 32;
     must(qel_ipc_open(&ipc, KV_CHANNEL, &attr, dm, on_event, NULL), "channel");
 

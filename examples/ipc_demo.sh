@@ -11,6 +11,7 @@ set -euo pipefail
 programs=$1
 tool=$2
 pause=${3:-0.7}
+"$tool" --version >/dev/null # fails at once if it isn't there
 
 # Shared memory lies below a root of our own, and goes at the end.
 root=/qelkv.$$.

@@ -15,8 +15,9 @@ struct value {
     char bytes[KV_LONGEST];
 };
 
+/* Lies in a safe segment, behind 12 bytes of header: so nothing in it may need an alignment of 8. */
 struct client {
-    uint64_t app_id; /* 0 for a free place */
+    uint32_t app_id; /* 0 for a free place */
     uint32_t taken;  /* the number of the last put taken, written after its value */
     uint32_t again;  /* puts that came again, or before one that is still missing */
     struct value values[KV_KEYS];
@@ -31,7 +32,7 @@ static struct client* client_of(qel_ipc_handle ipc, qel_ipc_msg msg) {
     if (qel_ipc_msg_get_sender_ep(msg, &sender) != 0 || qel_ipc_ep_get_app_id(ipc, sender, id) != 0)
         return NULL;
     for (struct client* c = clients; c < clients + KV_CLIENTS; ++c) {
-        if (c->app_id == 0) c->app_id = id[1];
+        if (c->app_id == 0) c->app_id = (uint32_t)id[1];
         if (c->app_id == id[1]) return c;
     }
     return NULL;
@@ -111,8 +112,7 @@ int main(int argc, char** argv) {
     qel_ipc_close(&ipc);
     qel_dm_destroy(&dm);
     for (struct client* c = clients; c < clients + KV_CLIENTS && c->app_id != 0; ++c)
-        printf("ipc_server: client %llu: %u puts taken, %u came again\n", (unsigned long long)c->app_id,
-               c->taken, c->again);
+        printf("ipc_server: client %u: %u puts taken, %u came again\n", c->app_id, c->taken, c->again);
     printf("ipc_server: %llu messages received, %llu sent\n", (unsigned long long)stats.received,
            (unsigned long long)stats.sent);
     return 0;
