@@ -3,7 +3,8 @@
  * and locks to put into it.
  *
  * A safe segment begins with a header of 12 bytes. Any number of processes may open one name at once: one of
- * them runs the initialiser, the others wait for its end.
+ * them runs the initialiser, the others wait for its end. 'addr' is 4 modulo 8 then: a table of 8-byte fields
+ * leaves 4 bytes in front of them.
  *
  *     static int fill(qel_shm_info* info, void* context) {
  *         return qel_init_shared_mutex(&((struct table*)info->addr)->mutex);
