@@ -403,8 +403,9 @@ void Round::play() {
     dice.seed(number_);
     new (board) Board{};
     for (std::uint32_t who = 0; who < kChildren; ++who) {
+        std::string output = output_of(who);  // with this process's ID, not the child's
         pids_[who] = fork();
-        if (pids_[who] == 0) live(who, number_, output_of(who));
+        if (pids_[who] == 0) live(who, number_, output);
     }
     eventually([&] { return board->up[0].load() + board->up[1].load() == 2; }, 3s);
     auto looks = scribble(number_ % 8 == 7);
