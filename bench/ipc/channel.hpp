@@ -1,8 +1,8 @@
 // Ours: one channel. In the sleeping form each side has a dispatcher with a pool of one thread, whose handler
 // takes what has come; the server answers there, and a client's handler sends its next request. In the polled
 // form nobody serves the dispatcher, so that no handler is in the path, and both sides call
-// qel_ipc_receive(). One way, a client that gets no message sleeps until its flow is on again. Data are
-// written and read in place.
+// qel_ipc_receive(). One way, a client sends from its dispatcher too: it sends what its credits allow, and
+// goes on when its flow is on again. Data are written and read in place.
 #pragma once
 
 #include <qel/cerrno.h>
@@ -38,7 +38,7 @@ struct Channel {
       public:
         Side(const Site& site, std::uint32_t role, std::uint64_t app_id) : site_(site) {
             qel_ppm_set_string("qel.shm.root", ("/" + site.name + ".").c_str());
-            check(static_cast<cerrno>(qel_dm_create(&dm_, "ipc_bench", QEL_DM_PRIVATE)), "qel_dm_create");
+            check(static_cast<cerrno>(qel_dm_create(&dm, "ipc_bench", QEL_DM_PRIVATE)), "qel_dm_create");
             if (!site.polls()) serve_dispatcher();
             qel_ipc_attr attributes;
             qel_ipc_attr_init(&attributes, role);
@@ -48,16 +48,19 @@ struct Channel {
             attributes.max_msg_size =
                 static_cast<std::uint32_t>(site.size < kLargestInline ? site.size : kLargestInline);
             attributes.large_data_size = heap_size();
-            check(qel_ipc_open(&ipc, "bench", &attributes, dm_, on_events, this), "qel_ipc_open");
+            attributes.low_water_percent = 75;
+            attributes.high_water_percent = 90;
+            check(qel_ipc_open(&ipc, "bench", &attributes, dm, on_events, this), "qel_ipc_open");
         }
         Side(const Side&) = delete;
         virtual ~Side() {
             qel_ipc_close(&ipc);
-            qel_dm_destroy(&dm_);
+            qel_dm_destroy(&dm);
         }
 
       protected:
         virtual void on_input() = 0;
+        virtual void on_flow() {}
         // Takes the next message if there is one, and reads its request or its reply.
         bool take(qel_ipc_msg& message) {
             std::uint32_t type = 0;
@@ -81,7 +84,7 @@ struct Channel {
 
         const Site& site_;
         qel_ipc_handle ipc = 0;
-        std::atomic<std::uint32_t> flow_on_{0};
+        qel_dm_handle dm = 0;
 
       private:
         void change_left(std::int64_t by) {
@@ -98,18 +101,14 @@ struct Channel {
             qel_dm_threadpool_attr pool{};
             qel_dm_threadpool_attr_init(&pool);
             pool.min_wait = pool.max_wait = pool.max_threads = 1;
-            check(static_cast<cerrno>(qel_dm_threadpool_create(dm_, 0, &pool, nullptr)),
+            check(static_cast<cerrno>(qel_dm_threadpool_create(dm, 0, &pool, nullptr)),
                   "qel_dm_threadpool_create");
         }
         static void on_events(qel_ipc_handle, std::uint32_t events, void* self) {
             auto& side = *static_cast<Side*>(self);
-            if ((events & (QEL_IPC_EVENT_FLOW_ON | QEL_IPC_EVENT_READY)) != 0) {
-                side.flow_on_.fetch_add(1, std::memory_order_release);
-                side.flow_on_.notify_one();
-            }
+            if ((events & QEL_IPC_EVENT_FLOW_ON) != 0) side.on_flow();
             if ((events & QEL_IPC_EVENT_INPUT) != 0) side.on_input();
         }
-        qel_dm_handle dm_ = 0;
         std::atomic<std::int64_t> left_{0};
         std::atomic<std::uint32_t> ended_{0};
         std::uint32_t seen_ended_ = 0;
@@ -163,7 +162,14 @@ struct Channel {
             }
         }
         void send(std::uint64_t count) {
-            for (; count > 0; --count) send_one();
+            expect(1);
+            to_send_ = count;
+            auto go_on = [](qel_dm_handle, std::uint64_t self, std::uint64_t) {
+                reinterpret_cast<Client*>(self)->on_flow();
+            };
+            check(static_cast<cerrno>(qel_dm_execute(dm, go_on, reinterpret_cast<std::uintptr_t>(this), 0)),
+                  "qel_dm_execute");
+            wait_until_done();
         }
 
       private:
@@ -176,25 +182,26 @@ struct Channel {
                 send_one();
             }
         }
+        // As many as there are credits for. The dispatcher's one thread runs this, so no two do at once.
+        void on_flow() override {
+            if (to_send_ == 0) return;
+            while (to_send_ > 0 && try_send()) --to_send_;
+            if (to_send_ == 0) one_done();
+        }
         void send_one() {
+            while (!try_send()) relax(site_);
+        }
+        bool try_send() {
             qel_ipc_msg message = 0;
             void* data = nullptr;
-            while (!allocate(message, data)) continue;
+            cerrno result = qel_ipc_msg_alloc(ipc, size(), &message, &data);
+            if (may_come_later(result)) return false;
+            check(result, "qel_ipc_msg_alloc");
             write(data);
             check(qel_ipc_async_send(ipc, nullptr, message), "qel_ipc_async_send");
+            return true;
         }
-        bool allocate(qel_ipc_msg& message, void*& data) {
-            std::uint32_t seen = flow_on_.load(std::memory_order_acquire);
-            cerrno result = qel_ipc_msg_alloc(ipc, size(), &message, &data);
-            if (result == 0) return true;
-            if (!may_come_later(result)) check(result, "qel_ipc_msg_alloc");
-            if (site_.polls()) {
-                relax(site_);
-            } else {
-                flow_on_.wait(seen, std::memory_order_acquire);
-            }
-            return false;
-        }
+        std::uint64_t to_send_ = 0;
         Laps* laps_ = nullptr;
     };
 };
