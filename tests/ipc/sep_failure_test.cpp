@@ -265,8 +265,8 @@ TEST_F(SignalEndPoint, failures_of_memory_and_dispatcher_pass) {
     EXPECT_TRUE(qel::sep_stop(local));
 }
 
-// Words that a peer wrote over are refused, not followed.
-TEST_F(SignalEndPoint, scribbled_locks_are_errors) {
+// Words that a peer wrote over are refused, not followed; and an owner hears what it was made deaf to.
+TEST_F(SignalEndPoint, scribbled_words_are_errors_or_heal) {
     TestDispatcher unserved;
     ASSERT_EQ(start(take, unserved.handle), 0);
     peer = &table->records[0];
@@ -279,6 +279,15 @@ TEST_F(SignalEndPoint, scribbled_locks_are_errors) {
     table->records[0].sep_mutex.__data.__kind |= 0x20;
     EXPECT_EQ(qel_sep_signal(&peer, QEL_SEP_LOW_WATER), EINVAL);
     table->records[0].sep_mutex.__data.__kind &= ~0x20;
+    TestDispatcher served;
+    EXPECT_TRUE(qel::sep_stop(local));
+    ASSERT_EQ(start(take, served.handle), 0);
+    ASSERT_TRUE(sleeps(*peer));
+    table->jobs = 0;
+    table->records[0].sep_flags = qel::kOwnerAwake;
+    EXPECT_EQ(qel_sep_signal(&peer, QEL_SEP_INPUT), 0);
+    while (table->jobs == 0) served.serve_once();
+    EXPECT_EQ(table->records[0].sep_flags, 0u);
     EXPECT_TRUE(qel::sep_stop(local));
 }
 

@@ -8,6 +8,7 @@
 #include <qel/hash.h>
 
 #include <cstdint>
+#include <ctime>
 
 #include "core/qel_codes.hpp"
 #include "core/qel_lock.hpp"
@@ -192,6 +193,9 @@ void report_record_freed(const IpcContext& ipc, std::uint32_t ep);
 
 // --- qel_ipc_sync.cpp: the set of waiting synchronous senders
 
+// A time from now on the clock that condition variables go by, without a shift that an application may have
+// set for the timers.
+timespec condition_deadline(std::uint32_t timeout_ms);
 cerrno make_sync_hash(IpcContext& ipc);
 // Releases everybody who waits with fatal(EPIPE) and frees the set. The context is locked and its handle
 // still stands: who times out meanwhile must find the lock taken.

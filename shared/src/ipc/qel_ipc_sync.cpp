@@ -107,16 +107,9 @@ Waiting::~Waiting() noexcept(false) {
     static_cast<void>(record_->sync_mutex.destroy());
 }
 
-timespec deadline_after(std::uint32_t timeout_ms) {
-    timespec now;
-    // The clock that the condition variable goes by, without a shift that an application may have set.
-    static_cast<void>(clock_gettime(CLOCK_REALTIME, &now));
-    return add(now, from_milliseconds(timeout_ms));
-}
-
 int wait_once(SyncWaiter& waiter, std::uint32_t timeout_ms) {
     if (timeout_ms == 0) return qel_thread_cond_wait(&waiter.sync_cond, waiter.sync_mutex.native());
-    timespec deadline = deadline_after(timeout_ms);
+    timespec deadline = condition_deadline(timeout_ms);
     return qel_thread_cond_timedwait(&waiter.sync_cond, waiter.sync_mutex.native(), &deadline);
 }
 
@@ -176,6 +169,12 @@ cerrno make_sync_hash(IpcContext& ipc) {
     int error =
         qel_hashset_create(&ipc.sync_hash, nullptr, offsetof(SyncWaiter, link), hash_of, match, nullptr);
     return error == 0 ? 0 : fatal(error);
+}
+
+timespec condition_deadline(std::uint32_t timeout_ms) {
+    timespec now;
+    static_cast<void>(clock_gettime(CLOCK_REALTIME, &now));
+    return add(now, from_milliseconds(timeout_ms));
 }
 
 void free_sync_hash(IpcContext& ipc) {

@@ -3,7 +3,7 @@
 // The thread holds sep_mutex except while it sleeps or queues a job, and runs no application code unless the
 // owner has no dispatcher. A wake-up that finds signals queues the handler as a job, unless one is queued
 // that has not begun; a job that can't be queued is tried again after timed sleeps, since senders that find
-// bits set wake nobody.
+// bits set wake nobody. Once a second it looks at the bits unasked.
 //
 // The thread can outlive the owner's side, which stops within bounds: then its generation is no longer that
 // of the local part, and it touches nothing more. sep_stop() says so to those who would unmap the record.
@@ -30,6 +30,7 @@ constexpr std::uint32_t kSettleMs = 5;
 constexpr int kStopRounds = 10;
 constexpr std::uint32_t kStopRoundMs = 100;
 constexpr std::uint32_t kFirstRetryMs = 1;
+constexpr std::uint32_t kUnaskedLookMs = 1000;
 constexpr std::uint32_t kLongestRetryMs = 100;
 
 constinit std::atomic<std::uint32_t> last_generation{0};
@@ -89,16 +90,12 @@ std::uint32_t pause_after(int error, std::uint32_t before_ms) {
     return std::clamp(before_ms * 2, kFirstRetryMs, kLongestRetryMs);
 }
 
+// Sleeps until a bell; not without end, since bits may have come with no bell: when somebody wrote the
+// owner's mark there, or set them past a mutex that seemed to be a dead one's.
 int sleep_locked(qel_sep_record& record, std::uint32_t limit_ms) {
-    pthread_mutex_t* mutex = mutex_of(record).native();
+    timespec deadline = condition_deadline(limit_ms == 0 ? kUnaskedLookMs : limit_ms);
     qel_thread_before_deschedule();
-    int error = 0;
-    if (limit_ms == 0) {
-        error = qel_thread_cond_wait(&record.sep_cond, mutex);
-    } else {
-        timespec deadline = add(realtime_now(), from_milliseconds(limit_ms));
-        error = qel_thread_cond_timedwait(&record.sep_cond, mutex, &deadline);
-    }
+    int error = qel_thread_cond_timedwait(&record.sep_cond, mutex_of(record).native(), &deadline);
     qel_thread_after_reschedule();
     return error == ETIMEDOUT ? 0 : error;
 }
