@@ -239,6 +239,46 @@ TEST(Message, the_wrong_state_role_or_handle_is_refused_and_spoils_nothing) {
     expect_whole(client);
 }
 
+// What every call gives on a channel that has no server yet, and on one that is being destroyed.
+void expect_refusals(Participant& of, cerrno refusal, cerrno reply_refusal) {
+    qel_ipc_msg msg = std::uint64_t{of.ipc} << 32 | 0x10001, out = 0;
+    EXPECT_EQ(qel_ipc_msg_alloc(of.ipc, 9, &out, nullptr), refusal);
+    EXPECT_EQ(qel_ipc_async_send(of.ipc, nullptr, msg), refusal);
+    EXPECT_EQ(qel_ipc_sync_send(of.ipc, nullptr, msg, &out, nullptr), refusal);
+    EXPECT_EQ(qel_ipc_receive(of.ipc, nullptr, &out, nullptr), refusal);
+    EXPECT_EQ(qel_ipc_reply(of.ipc, nullptr, msg, 0), reply_refusal);
+}
+
+TEST(Message, a_channel_that_isn_t_up_or_goes_refuses_every_call) {
+    Dispatched dispatched;
+    Participant client{"early", attributes(QEL_IPC_ROLE_CLIENT, 2), dispatched.dispatcher.handle};
+    expect_refusals(client, kTryAgain, kNotPermitted);
+    qel_ipc_attr attr = attributes(QEL_IPC_ROLE_SERVER, 1);
+    attr.msg_mode = 1;
+    attr.ext_cs = 1;
+    attr.large_data_size = 0;
+    Participant server{"early", attr, dispatched.dispatcher.handle};
+    EXPECT_TRUE(client.told(QEL_IPC_EVENT_READY));
+    qel_ipc_msg msg = 0, reply = 0;
+    EXPECT_EQ(qel_ipc_msg_alloc(client.ipc, kInline + 1, &msg, nullptr), kNoMemory);  // There is no heap.
+    qel_ipc_ep_handle peer = 0, sender = 0;
+    std::uint32_t count = 0;
+    EXPECT_EQ(qel_ipc_ep_get_list(server.ipc, &peer, 1, &count), 0u);
+    qel_ipc_send_attr to_peer{peer, 0, 0, 0}, urgent{peer, 0, 0, 1};
+    msg = server.alloc(9);
+    EXPECT_EQ(qel_ipc_sync_send(server.ipc, nullptr, msg, &reply, nullptr), kInvalid);
+    EXPECT_EQ(qel_ipc_sync_send(server.ipc, &urgent, msg, &reply, nullptr), kInvalid);
+    EXPECT_EQ(qel_ipc_sync_send(server.ipc, &to_peer, msg, &reply, nullptr), kInvalid);  // Of mode 1.
+    server.free(msg);
+    client.send(client.alloc(9));
+    msg = server.receive(QEL_IPC_MSG_ASYNC_REQUEST);
+    EXPECT_EQ(qel_ipc_msg_get_sender_ep(msg, &sender), 0u);
+    EXPECT_EQ(sender, peer);
+    server.free(msg);
+    server.close();
+    expect_refusals(client, kGone, kGone);
+}
+
 TEST(Message, an_extended_server_asks_and_a_client_answers) {
     Channel channel{1};
     Participant &client = channel.client, &server = channel.server;
