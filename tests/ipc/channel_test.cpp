@@ -298,6 +298,43 @@ TEST(Channel, a_killed_server_comes_back_to_its_messages) {
     EXPECT_EQ(waiting.ask("told 8000"), "yes");
 }
 
+// The request that the dead server had received is reclaimed; the one that it had not is answered.
+TEST(Channel, a_synchronous_sender_doesn_t_wait_for_what_a_restart_reclaimed) {
+    Participant client{"lost", channel_attr(kClient, 2)};
+    auto ask = [&](std::atomic<cerrno>& result) {
+        qel_ipc_msg reply = 0, msg = 0;
+        EXPECT_EQ(qel_ipc_msg_alloc(client.ipc, 8, &msg, nullptr), 0u);
+        result = qel_ipc_sync_send(client.ipc, nullptr, msg, &reply, nullptr);
+    };
+    std::atomic<cerrno> received{1}, waiting{1};
+    std::thread senders[2];
+    {
+        PeerProcess server{"lost", kServer, 1};
+        ASSERT_EQ(server.ask("open"), "0");
+        ASSERT_TRUE(client.open() == 0 && client.told(QEL_IPC_EVENT_READY));
+        senders[0] = std::thread{[&] { ask(received); }};
+        ASSERT_EQ(server.ask("take 1"), "0 ");
+        senders[1] = std::thread{[&] { ask(waiting); }};
+        EXPECT_TRUE(eventually([&] { return client.stats().sent == 2; }));
+        ASSERT_TRUE(is_asleep(Segment{"lost"}, 0));
+        server.kill();
+    }
+    qel_ipc_attr attr = channel_attr(kServer, 1);
+    attr.ext_cs = 1;
+    Participant server{"lost", attr};
+    ASSERT_EQ(server.open(), 0u);
+    senders[0].join();
+    EXPECT_EQ(received, kGone);
+    EXPECT_EQ(server.receive(), 0u);
+    ASSERT_EQ(server.held.size(), 1u);
+    EXPECT_EQ(qel_ipc_reply(server.ipc, nullptr, server.held[0], 0), 0u);
+    qel_ipc_msg msg = 0;
+    EXPECT_TRUE(
+        eventually([&] { return qel_ipc_receive(client.ipc, nullptr, &msg, nullptr) != 0 && waiting != 1; }));
+    senders[1].join();
+    EXPECT_EQ(waiting, 0u);
+}
+
 TEST(Channel, a_process_that_closes_gives_all_back) {
     qel_ipc_attr attr = channel_attr(kServer, 1);
     attr.ext_cs = 1;

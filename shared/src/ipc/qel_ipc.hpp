@@ -197,6 +197,9 @@ void report_record_freed(const IpcContext& ipc, std::uint32_t ep);
 // set for the timers.
 timespec condition_deadline(std::uint32_t timeout_ms);
 cerrno make_sync_hash(IpcContext& ipc);
+// An end point may have come back and disposed of the requests that its former life had received: releases
+// senders whose message is no more with fatal(EPIPE), as no answer will come.
+void release_reclaimed_senders(IpcContext& ipc);
 // Releases everybody who waits with fatal(EPIPE) and frees the set. The context is locked and its handle
 // still stands: who times out meanwhile must find the lock taken.
 void free_sync_hash(IpcContext& ipc);

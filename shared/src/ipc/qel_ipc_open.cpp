@@ -352,6 +352,16 @@ cerrno open_end_point(IpcContext& ipc, Opening& opening) {
     return error == 0 || opening.refusal == nullptr ? error : ipc_error(kOpen, opening.refusal, error);
 }
 
+// Peers may have looked before the requests that this end point had received were gone. Who waits for an
+// answer to one of those is released at the next look.
+void tell_senders(IpcContext& ipc) {
+    if (is_client(ipc))
+        static_cast<void>(
+            qel_sep_signal(&ipc.eps[0].sep, QEL_SEP_EP_UPDATE));  // It reports a failure itself.
+    else
+        qel_ipc_signal_clients(&ipc, QEL_SEP_EP_UPDATE);
+}
+
 void reclaim(IpcContext& ipc) {
     qel_ring* ring = ipc.eps[ipc.ep].ring;
     qel_ring_msg* message = nullptr;
@@ -359,10 +369,13 @@ void reclaim(IpcContext& ipc) {
         if (qel_ring_msg_reclaim_alloc(ring, &message) != 0) break;
         dispose_held(ipc, *message, false);
     }
+    bool awaited = false;
     for (std::uint32_t left = ipc.shape.total_msg; left > 0; --left) {
         if (qel_ring_msg_reclaim_consumed(ring, &message) != 0) break;
+        awaited |= read_shared(message->type) == QEL_RING_MSG_SYNC_REQUEST;
         dispose_held(ipc, *message, false);
     }
+    if (awaited) tell_senders(ipc);
 }
 
 // Gives back what the former incarnation held; the event for what waits.

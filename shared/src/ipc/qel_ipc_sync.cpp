@@ -6,6 +6,7 @@
 //
 //   waiting --receive finds the reply--> answered (0)     the reply is the caller's
 //   waiting --destination down, close--> released (EPIPE); a reply that comes before the call has left counts
+//   waiting --destination came back----> released (EPIPE) if it had received the request in its former life
 //   waiting --time-out, wait failed--->  still waiting    looked at once more under the context's lock: a
 //                                                         reply may have been claimed meanwhile, and counts
 //
@@ -55,6 +56,16 @@ int release(qel_hashset*, void* element, void* ep) {
     SyncWaiter& waiter = *static_cast<SyncWaiter*>(element);
     bool concerned = ep == nullptr || waiter.sync_dest == *static_cast<std::uint32_t*>(ep);
     if (concerned && waiter.sync_status == kWaiting) wake(waiter, fatal(EPIPE));
+    return 0;
+}
+
+// Of those who wait, the ones whose message is no more in 'pool'.
+int release_if_reclaimed(qel_hashset*, void* element, void* pool) {
+    SyncWaiter& waiter = *static_cast<SyncWaiter*>(element);
+    qel_ring_msg* message = nullptr;
+    bool gone =
+        qel_ring_msg_handle_to_addr(static_cast<qel_ring*>(pool), ring_half(waiter.msgh), &message) != 0;
+    if (gone && waiter.sync_status == kWaiting) wake(waiter, fatal(EPIPE));
     return 0;
 }
 
@@ -180,6 +191,11 @@ timespec condition_deadline(std::uint32_t timeout_ms) {
 void free_sync_hash(IpcContext& ipc) {
     qel_hashset_iterate(ipc.sync_hash, release, nullptr);
     qel_hashset_free(&ipc.sync_hash);
+}
+
+void release_reclaimed_senders(IpcContext& ipc) {
+    qel_ring* pool = ipc.eps[0].ring;
+    if (pool != nullptr) qel_hashset_iterate(ipc.sync_hash, release_if_reclaimed, pool);
 }
 
 bool claim_answer(IpcContext& ipc, qel_ring_msg& message) {

@@ -166,7 +166,9 @@ bool has_waiting_input(const IpcContext& ipc) {
 
 std::uint32_t process_ep_update(IpcContext& ipc) {
     if (read_shared(ipc.hdr->state) != ChannelState::active) return 0;
-    return is_client(ipc) ? update_client(ipc) : update_server(ipc);
+    std::uint32_t events = is_client(ipc) ? update_client(ipc) : update_server(ipc);
+    release_reclaimed_senders(ipc);
+    return events;
 }
 
 void cleanup_end_points(IpcContext& ipc) {
