@@ -1,7 +1,7 @@
 // Channels from opening to removal: who may open, who is told what, and what a death leaves to whom.
 #include <climits>
 
-#include "ipc/ipc_support.hpp"
+#include "ipc/segment_support.hpp"
 
 using namespace qel_test;
 
@@ -89,14 +89,14 @@ TEST(Channel, open_refuses_what_no_channel_can_be) {
 TEST(Channel, a_client_without_a_server_hears_nothing_and_then_ready_once) {
     Participant client{"late", channel_attr(kClient, 5)};
     ASSERT_EQ(client.open(), 0u);
-    EXPECT_EQ(client.alloc(1), kTryAgain);
+    EXPECT_EQ(client.hold(1), kTryAgain);
     EXPECT_FALSE(shm_exists("late.0"));
     EXPECT_EQ(client.told_so_far(), 0u);
     Participant server{"late", channel_attr(kServer, 1)};
     ASSERT_EQ(server.open(), 0u);
     ASSERT_TRUE(client.told(QEL_IPC_EVENT_READY) && server.told(QEL_IPC_EVENT_READY));
-    EXPECT_EQ(client.send(7), 0u);
-    EXPECT_EQ(server.receive(), 7u);
+    EXPECT_EQ(client.post(7), 0u);
+    EXPECT_EQ(server.take(), 7u);
     server.drop_held();
     // It was there first, so the server isn't told of it, but knows it.
     qel_ipc_ep_handle list[9];
@@ -128,10 +128,10 @@ TEST(Channel, the_end_reaches_everybody_and_removes_every_name) {
     Participant server{"ending", channel_attr(kServer, 1)};
     Participant client{"ending", channel_attr(kClient, 2)};
     ASSERT_TRUE(server.open() == 0 && client.open() == 0 && server.connected({up(2)}));
-    EXPECT_EQ(client.alloc(1, 5000), 0u);
+    EXPECT_EQ(client.hold(1, 5000), 0u);
     EXPECT_EQ(server.close(), 0u);
     EXPECT_TRUE(client.told(QEL_IPC_EVENT_DOWN));
-    EXPECT_EQ(client.alloc(2), kGone);
+    EXPECT_EQ(client.hold(2), kGone);
     for (const std::string& name : shm_objects()) EXPECT_EQ(name.find("ending"), std::string::npos) << name;
     // What the client then closes isn't the channel that has the name by now.
     ASSERT_EQ(server.open(), 0u);
@@ -139,19 +139,19 @@ TEST(Channel, the_end_reaches_everybody_and_removes_every_name) {
     ASSERT_EQ(second.open(), 0u);
     EXPECT_EQ(client.close(), 0u);
     EXPECT_TRUE(shm_exists("ending.1") && shm_exists("ending.heap"));
-    EXPECT_EQ(second.send(4, 0, 5000), 0u);
-    EXPECT_EQ(server.receive(), 4u);
+    EXPECT_EQ(second.post(4, 0, 5000), 0u);
+    EXPECT_EQ(server.take(), 4u);
     server.drop_held();
-    Segment{"ending"}.put(kStateAt, 3u);
+    Segment{"ending"}.at<std::uint32_t>(kStateAt) = 3u;
     Participant third{"ending", channel_attr(kClient, 4)};
     EXPECT_EQ(third.open(), kTryAgain);
     // Who comes between the removal of the names makes none of them again.
-    Segment{"ending"}.put(kStateAt, 2u);
+    Segment{"ending"}.at<std::uint32_t>(kStateAt) = 2u;
     for (const char* name : {"ending.0", "ending.heap"}) ASSERT_EQ(unlink(shm_file(name).c_str()), 0);
     EXPECT_EQ(third.open(), kMissing);
     EXPECT_FALSE(shm_exists("ending.0") || shm_exists("ending.heap"));
     // Nor does a server end what is being ended.
-    Segment{"ending"}.put(kStateAt, 3u);
+    Segment{"ending"}.at<std::uint32_t>(kStateAt) = 3u;
     EXPECT_EQ(server.close(), 0u);
     EXPECT_TRUE(shm_exists("ending") && qel_ipc_cleanup("ending") == 0);
 }
@@ -161,8 +161,8 @@ TEST(Channel, names_of_thirty_two_characters_are_removed_in_full) {
     Participant server{name, channel_attr(kServer, 1)}, client{name, channel_attr(kClient, 2)};
     ASSERT_TRUE(server.open() == 0 && client.open() == 0 && client.told(QEL_IPC_EVENT_READY));
     EXPECT_TRUE(shm_exists(name) && shm_exists(std::string(31, 'x') + ".0"));
-    EXPECT_EQ(client.send(3), 0u);
-    EXPECT_EQ(server.receive(), 3u);
+    EXPECT_EQ(client.post(3), 0u);
+    EXPECT_EQ(server.take(), 3u);
     EXPECT_EQ(client.close(), 0u);
     EXPECT_EQ(server.close(), 0u);
     EXPECT_FALSE(shm_exists(name) || shm_exists(std::string(31, 'x') + ".0"));
@@ -183,8 +183,8 @@ TEST(Channel, every_place_of_the_table_is_had_once) {
         twin{"full", channel_attr(kClient, 4), dispatcher};
     EXPECT_EQ(extra.open(), kNoPlace);
     EXPECT_EQ(twin.open(), kNotPermitted);
-    EXPECT_EQ(clients[30].send(31), 0u);
-    EXPECT_EQ(server.receive(), 31u);
+    EXPECT_EQ(clients[30].post(31), 0u);
+    EXPECT_EQ(server.take(), 31u);
     // Closed, but its message is still here: the place comes free with that.
     EXPECT_EQ(clients[30].close(), 0u);
     ASSERT_TRUE(server.told(QEL_IPC_EVENT_EP_UPDATE));
@@ -206,8 +206,8 @@ TEST(Channel, the_next_client_in_a_place_gets_its_own_messages) {
     for (std::uint64_t app_id = 10; app_id < 40; ++app_id) {
         Participant client{"heir", channel_attr(kClient, app_id)};
         ASSERT_EQ(client.open(), 0u);
-        ASSERT_EQ(client.send(app_id), 0u);
-        ASSERT_EQ(server.receive(), app_id);
+        ASSERT_EQ(client.post(app_id), 0u);
+        ASSERT_EQ(server.take(), app_id);
         // With the reply in its ring, or with its request still here, it closes.
         if (app_id % 3 == 0) {
             EXPECT_EQ(qel_ipc_reply(server.ipc, nullptr, server.held.back(), 1), 0u);
@@ -216,11 +216,11 @@ TEST(Channel, the_next_client_in_a_place_gets_its_own_messages) {
         EXPECT_EQ(client.close(), 0u);
         server.drop_held();
         Participant heir{"heir", channel_attr(kClient, app_id + 100)};
-        ASSERT_TRUE(heir.open() == 0 && heir.send(1) == 0);
-        ASSERT_EQ(server.receive(), 1u);
+        ASSERT_TRUE(heir.open() == 0 && heir.post(1) == 0);
+        ASSERT_EQ(server.take(), 1u);
         ASSERT_EQ(qel_ipc_reply(server.ipc, nullptr, server.held.back(), 1), 0u);
         server.held.clear();
-        EXPECT_EQ(heir.receive(), 1u) << app_id;
+        EXPECT_EQ(heir.take(), 1u) << app_id;
         heir.drop_held();
     }
     EXPECT_TRUE(eventually([&] { return server.stats().prod_count == 0; }));
@@ -245,13 +245,13 @@ TEST(Channel, a_killed_client_comes_back_to_its_messages) {
             ASSERT_EQ(client.ask("told 1"), "yes");
             EXPECT_EQ(client.ask("take 3"), "3 4 5 ");
             client.ask("drop");
-            EXPECT_EQ(block.get<std::uint32_t>(ep_at(1) + kAllocAt), 0u);
-            EXPECT_EQ(block.get<std::uint32_t>(ep_at(0) + kAllocAt), 0u);
-            EXPECT_EQ(block.get<std::uint32_t>(ep_at(1) + kReservedAt), taken_to_full);
+            EXPECT_EQ(block.at<std::uint32_t>(ep_at(1) + kAllocAt), 0u);
+            EXPECT_EQ(block.at<std::uint32_t>(ep_at(0) + kAllocAt), 0u);
+            EXPECT_EQ(block.at<std::uint32_t>(ep_at(1) + kReservedAt), taken_to_full);
         }
-        taken_to_full = block.get<std::uint32_t>(ep_at(1) + kReservedAt);
+        taken_to_full = block.at<std::uint32_t>(ep_at(1) + kReservedAt);
         for (std::uint64_t context = 1; context <= 5; ++context)
-            ASSERT_EQ(server.send(context, ep, context % 2 != 0 ? 8 : 5000), 0u);
+            ASSERT_EQ(server.post(context, ep, context % 2 != 0 ? 8 : 5000), 0u);
         ASSERT_EQ(client.ask("take 2"), "1 2 ");
         ASSERT_EQ(client.ask("alloc 2"), "2");
         server.forget();
@@ -276,18 +276,19 @@ TEST(Channel, a_killed_server_comes_back_to_its_messages) {
             server.ask("drop");
             EXPECT_EQ(client.stats().alloc, 0u);
         }
-        for (std::uint64_t context = 1; context <= 4; ++context) ASSERT_EQ(client.send(context), 0u);
+        for (std::uint64_t context = 1; context <= 4; ++context) ASSERT_EQ(client.post(context), 0u);
         ASSERT_EQ(server.ask("take 2"), "1 2 ");
         client.forget();
-        ASSERT_TRUE(is_asleep(Segment{"phoenix"}, 0));
+        Segment block{"phoenix"};
+        ASSERT_TRUE(is_asleep(block, 0));
         server.kill();
         // Nobody is there, but there is room.
-        ASSERT_EQ(client.send(5), 0u);
+        ASSERT_EQ(client.post(5), 0u);
     }
     // A client that comes back, and one that is new, while no server is there; and one that is told so.
     EXPECT_EQ(waiting.ask("open"), "0");
     Participant delayed{"phoenix", channel_attr(kClient, 4)};
-    Segment{"phoenix"}.put(ep_at(0), 2u);
+    Segment{"phoenix"}.at<std::uint32_t>(ep_at(0)) = 2u;
     EXPECT_EQ(delayed.open(), 0u);
     PeerProcess server{"phoenix", kServer, 1};
     ASSERT_EQ(server.ask("open"), "0");
@@ -316,7 +317,8 @@ TEST(Channel, a_synchronous_sender_doesn_t_wait_for_what_a_restart_reclaimed) {
         ASSERT_EQ(server.ask("take 1"), "0 ");
         senders[1] = std::thread{[&] { ask(waiting); }};
         EXPECT_TRUE(eventually([&] { return client.stats().sent == 2; }));
-        ASSERT_TRUE(is_asleep(Segment{"lost"}, 0));
+        Segment block{"lost"};
+        ASSERT_TRUE(is_asleep(block, 0));
         server.kill();
     }
     qel_ipc_attr attr = channel_attr(kServer, 1);
@@ -325,7 +327,7 @@ TEST(Channel, a_synchronous_sender_doesn_t_wait_for_what_a_restart_reclaimed) {
     ASSERT_EQ(server.open(), 0u);
     senders[0].join();
     EXPECT_EQ(received, kGone);
-    EXPECT_EQ(server.receive(), 0u);
+    EXPECT_EQ(server.take(), 0u);
     ASSERT_EQ(server.held.size(), 1u);
     EXPECT_EQ(qel_ipc_reply(server.ipc, nullptr, server.held[0], 0), 0u);
     qel_ipc_msg msg = 0;
@@ -343,15 +345,15 @@ TEST(Channel, a_process_that_closes_gives_all_back) {
     ASSERT_TRUE(server.open() == 0 && client.ask("open") == "0" && server.connected({up(2)}));
     qel_ipc_ep_handle ep = server.connections()[0].ep;
     for (std::uint64_t context = 1; context <= 4; ++context)
-        ASSERT_EQ(server.send(context, ep, context % 2 != 0 ? 8 : 5000), 0u);
+        ASSERT_EQ(server.post(context, ep, context % 2 != 0 ? 8 : 5000), 0u);
     ASSERT_TRUE(client.ask("take 2") == "1 2 " && client.ask("alloc 2") == "2");
     EXPECT_EQ(client.ask("close"), "0");
     EXPECT_TRUE(server.connected({up(2), gone(2)}));
     EXPECT_FALSE(shm_exists("leaving.1"));
     Segment block{"leaving"};
-    EXPECT_EQ(block.get<std::uint32_t>(ep_at(0) + kAllocAt), 0u);
-    EXPECT_EQ(block.get<std::uint32_t>(ep_at(1)), 0u);
-    EXPECT_EQ(server.send(5, ep), kGone);
+    EXPECT_EQ(block.at<std::uint32_t>(ep_at(0) + kAllocAt), 0u);
+    EXPECT_EQ(block.at<std::uint32_t>(ep_at(1)), 0u);
+    EXPECT_EQ(server.post(5, ep), kGone);
 }
 
 TEST(Channel, who_was_taken_over_leaves_the_heir_alone) {
@@ -363,7 +365,7 @@ TEST(Channel, who_was_taken_over_leaves_the_heir_alone) {
     EXPECT_EQ(first.close(), 0u);
     EXPECT_TRUE(shm_exists("heirs.1"));
     EXPECT_EQ(heir.ask("send 1"), "1");
-    EXPECT_EQ(server.receive(), 1u);
+    EXPECT_EQ(server.take(), 1u);
 }
 
 TEST(Channel, flow_comes_on_again_across_processes) {
@@ -372,7 +374,7 @@ TEST(Channel, flow_comes_on_again_across_processes) {
     ASSERT_TRUE(server.open() == 0 && greedy.ask("open") == "0" && server.connected({up(2)}));
     ASSERT_EQ(greedy.ask("send 100"), "40");
     EXPECT_EQ(greedy.ask("told 2000"), "yes");
-    for (std::uint64_t context = 1; context <= 64; ++context) ASSERT_EQ(server.receive(), context);
+    for (std::uint64_t context = 1; context <= 64; ++context) ASSERT_EQ(server.take(), context);
     server.drop_held();  // The server rings the client's bell itself.
     EXPECT_EQ(greedy.ask("told 1000"), "yes");
     // A client gives back what another one lacks: the server passes that on.
@@ -403,7 +405,7 @@ TEST(Channel, both_ends_killed_lose_nothing) {
     EXPECT_EQ(client->ask("connections"), "800:1 400:1 ");
     EXPECT_EQ(server->ask("take 4"), "3 4 5 6 ");
     server->ask("drop");
-    EXPECT_EQ(block.get<std::uint32_t>(ep_at(1) + kAllocAt), 0u);
+    EXPECT_EQ(block.at<std::uint32_t>(ep_at(1) + kAllocAt), 0u);
     EXPECT_EQ(server->ask("close"), "0");
 }
 
@@ -416,14 +418,14 @@ TEST(Channel, a_death_inside_a_doorbell_keeps_out_nobody_else) {
     Segment block{"stuck"};
     ASSERT_TRUE(is_asleep(block, 1));
     client.kill();
-    block.put(ep_at(1) + kDoorbellLockAt, 2u);
+    block.at<std::uint32_t>(ep_at(1) + kDoorbellLockAt) = 2u;
     Participant heir{"stuck", channel_attr(kClient, 3)};
     EXPECT_EQ(heir.open(), kTimedOut);
     // The server looks at the end points, and signals to all that it finds.
-    EXPECT_TRUE(other.open() == 0 && other.send(5) == 0);
+    EXPECT_TRUE(other.open() == 0 && other.post(5) == 0);
     EXPECT_TRUE(server.connected({up(3), {QEL_IPC_EP_ENDED, 3, 0}, {QEL_IPC_EP_BACK, 3, 0}, up(2)}));
-    EXPECT_EQ(server.receive(), 5u);
-    block.put(ep_at(1) + kDoorbellLockAt, 0u);
+    EXPECT_EQ(server.take(), 5u);
+    block.at<std::uint32_t>(ep_at(1) + kDoorbellLockAt) = 0u;
     EXPECT_TRUE(heir.open() == 0 && heir.told(QEL_IPC_EVENT_READY));
 }
 
@@ -451,10 +453,10 @@ TEST(Channel, a_block_that_no_server_wrote_is_refused) {
         Segment block{"odd"};
         Participant client{"odd", channel_attr(kClient, 2)};
         auto refused_with = [&]<class Word>(std::size_t offset, Word bad) {
-            Word good = block.get<Word>(offset);
-            block.put(offset, bad);
+            Word good = block.at<Word>(offset);
+            block.at<Word>(offset) = bad;
             EXPECT_EQ(client.open(), kInvalid) << offset;
-            block.put(offset, good);
+            block.at<Word>(offset) = good;
         };
         refused_with(kMagicAt, 0x12345678u);
         refused_with(kTotalMsgAt, std::uint16_t{7});
@@ -477,12 +479,12 @@ TEST(Channel, what_a_dead_maker_left_is_made_good) {
     ASSERT_EQ(maker.ask("open"), "0");
     maker.kill();
     Segment block{"half"};
-    for (std::size_t at = 4; at < block.size(); at += 4) block.put(at, 0u);
-    block.put(kMagicAt, 0xdecade00u);
+    for (std::size_t at = 4; at < block.info.size; at += 4) block.at<std::uint32_t>(at) = 0u;
+    block.at<std::uint32_t>(kMagicAt) = 0xdecade00u;
     Participant client{"half", channel_attr(kClient, 2)}, server{"half", channel_attr(kServer, 3)};
     EXPECT_TRUE(client.open() == 0 && server.open() == 0 && client.told(QEL_IPC_EVENT_READY));
-    EXPECT_EQ(client.send(2), 0u);
-    EXPECT_EQ(server.receive(), 2u);
+    EXPECT_EQ(client.post(2), 0u);
+    EXPECT_EQ(server.take(), 2u);
 }
 
 TEST(Channel, a_new_channel_uses_nothing_of_an_old_one) {
@@ -502,9 +504,9 @@ TEST(Channel, a_new_channel_uses_nothing_of_an_old_one) {
     ASSERT_EQ(unlink(shm_file("old").c_str()), 0);
     Participant server{"old", small}, client{"old", channel_attr(kClient, 2)};
     ASSERT_TRUE(server.open() == 0 && client.open() == 0 && client.told(QEL_IPC_EVENT_READY));
-    EXPECT_EQ(server.receive(10ms), 0u);
-    for (std::uint64_t i = 0; i < 16; ++i) EXPECT_EQ(client.alloc(i), 0u);
-    EXPECT_EQ(client.alloc(16), kNoMemory);
+    EXPECT_EQ(server.take(10ms), 0u);
+    for (std::uint64_t i = 0; i < 16; ++i) EXPECT_EQ(client.hold(i), 0u);
+    EXPECT_EQ(client.hold(16), kNoMemory);
     client.drop_held();
 }
 
@@ -513,7 +515,7 @@ TEST(Channel, closing_keeps_what_the_application_holds_if_told_so) {
     attr.close_flags = 1;
     Participant server{"held", channel_attr(kServer, 1)}, client{"held", attr};
     ASSERT_TRUE(server.open() == 0 && client.open() == 0 && server.connected({up(2)}));
-    ASSERT_EQ(client.alloc(1), 0u);
+    ASSERT_EQ(client.hold(1), 0u);
     EXPECT_EQ(client.close(), kStillHeld);
     client.drop_held();
     server.forget();

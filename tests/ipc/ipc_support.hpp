@@ -5,8 +5,6 @@
 #include <qel/ipc.h>
 #include <qel/ipc_debug.h>
 
-#include <sys/mman.h>
-
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -18,18 +16,20 @@
 
 namespace qel_test {
 
-constexpr cerrno kTryAgain = 0x8000000b, kNotPermitted = 0xa0000001, kMissing = 0xa0000002,
-                 kNoMemory = 0xa000000c, kInvalid = 0xa0000016, kNoPlace = 0xa000001c, kGone = 0xa0000020,
-                 kTimedOut = 0xa000006e, kStillHeld = 0x40000010;
+inline constexpr std::uint32_t kInline = 100, kLarge = 6000, kMessages = 64;
 
-// A channel of small sizes, so that its limits are near: 64 messages of 100 bytes, heap, 7 clients at most.
+inline constexpr cerrno kTryAgain = 0x8000000b, kNotPermitted = 0xa0000001, kMissing = 0xa0000002,
+                        kNoMemory = 0xa000000c, kInvalid = 0xa0000016, kNoPlace = 0xa000001c,
+                        kGone = 0xa0000020, kTimedOut = 0xa000006e, kStillHeld = 0x40000010;
+
+// A channel of small sizes, so that its limits are near.
 inline qel_ipc_attr channel_attr(std::uint32_t role, std::uint64_t app_id) {
     qel_ipc_attr attr;
     EXPECT_EQ(qel_ipc_attr_init(&attr, role), 0u);
     attr.msg_mode = 2;
     attr.max_clients = 7;
-    attr.max_msg_count = 64;
-    attr.max_msg_size = 100;
+    attr.max_msg_count = kMessages;
+    attr.max_msg_size = kInline;
     attr.large_data_size = 0x20000;
     attr.app_id = app_id;
     return attr;
@@ -66,7 +66,8 @@ struct Connection {
     }
 };
 
-// Opens and closes a channel, notes all that its handler is told, and holds messages.
+// Opens and closes a channel, and notes all that its handler is told. Deals in messages by their handles, or
+// by their contexts: those that it gets are held then until they are dropped.
 class Participant {
   public:
     Participant(std::string name, const qel_ipc_attr& attr,
@@ -116,7 +117,30 @@ class Participant {
         connections_.clear();
     }
 
-    cerrno alloc(std::uint64_t context, std::uint32_t size = 8) {
+    qel_ipc_msg alloc(std::uint32_t size, void** area = nullptr) {
+        qel_ipc_msg msg = 0;
+        EXPECT_EQ(qel_ipc_msg_alloc(ipc, size, &msg, area), 0u);
+        return msg;
+    }
+    void send(qel_ipc_msg msg, qel_ipc_ep_handle to = 0) {
+        qel_ipc_send_attr attr{to, 0, 0, 0};
+        EXPECT_EQ(qel_ipc_async_send(ipc, &attr, msg), 0u);
+    }
+    qel_ipc_msg receive(std::uint32_t expected_type) {
+        qel_ipc_msg msg = 0;
+        std::uint32_t type = 99;
+        EXPECT_TRUE(eventually([&] { return qel_ipc_receive(ipc, nullptr, &msg, &type) == 0; }));
+        EXPECT_EQ(type, expected_type);
+        return msg;
+    }
+    void free(qel_ipc_msg msg) {
+        EXPECT_EQ(qel_ipc_msg_free(&msg), 0u);
+        EXPECT_EQ(msg, 0u);
+    }
+    // With close_flags 1: whether the library counts a message as held by the application.
+    bool holds() { return qel_ipc_close(&ipc) == kStillHeld; }
+
+    cerrno hold(std::uint64_t context, std::uint32_t size = 8) {
         qel_ipc_msg msg = 0;
         cerrno error = qel_ipc_msg_alloc(ipc, size, &msg, nullptr);
         if (error != 0) return error;
@@ -124,15 +148,15 @@ class Participant {
         held.push_back(msg);
         return 0;
     }
-    cerrno send(std::uint64_t context, qel_ipc_ep_handle to = 0, std::uint32_t size = 8) {
-        if (cerrno error = alloc(context, size); error != 0) return error;
+    cerrno post(std::uint64_t context, qel_ipc_ep_handle to = 0, std::uint32_t size = 8) {
+        if (cerrno error = hold(context, size); error != 0) return error;
         qel_ipc_send_attr attr{to, 0, 0, 0};
         cerrno error = qel_ipc_async_send(ipc, &attr, held.back());
         if (error == 0) held.pop_back();
         return error;
     }
     // The next message's context; 0 when none comes.
-    std::uint64_t receive(std::chrono::milliseconds limit = 10s) {
+    std::uint64_t take(std::chrono::milliseconds limit = 10s) {
         qel_ipc_msg msg = 0;
         std::uint64_t context = 0;
         if (!eventually([&] { return qel_ipc_receive(ipc, nullptr, &msg, nullptr) == 0; }, limit)) return 0;
@@ -210,15 +234,15 @@ inline int run_peer(const RoleArgs& args) {
             for (const Connection& each : peer.connections())
                 answer << each.event << ":" << each.app_id << " ";
         if (command == "alloc") {
-            while (done < count && peer.alloc(next++) == 0) ++done;
+            while (done < count && peer.hold(next++) == 0) ++done;
             answer << done;
         }
         if (command == "send") {
-            while (done < count && peer.send(next++) == 0) ++done;
+            while (done < count && peer.post(next++) == 0) ++done;
             answer << done;
         }
         if (command == "take")
-            for (; done < count; ++done) answer << peer.receive() << " ";
+            for (; done < count; ++done) answer << peer.take() << " ";
         if (command == "drop") peer.drop_held();
         say("=" + answer.str());
     }
@@ -244,52 +268,5 @@ class PeerProcess {
   private:
     Child child_;
 };
-
-// A segment's bytes as any process may write them.
-class Segment {
-  public:
-    explicit Segment(const std::string& name) {
-        int fd = ::open(shm_file(name).c_str(), O_RDWR | O_CLOEXEC);
-        EXPECT_GE(fd, 0) << name;
-        size_ = static_cast<std::size_t>(lseek(fd, 0, SEEK_END));
-        bytes_ = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        EXPECT_NE(bytes_, MAP_FAILED);
-        ::close(fd);
-    }
-    Segment(const Segment&) = delete;
-    ~Segment() { munmap(bytes_, size_); }
-    template <class Word>
-    Word get(std::size_t offset) const {
-        Word word;
-        std::memcpy(&word, static_cast<std::byte*>(bytes_) + offset, sizeof word);
-        return word;
-    }
-    template <class Word>
-    void put(std::size_t offset, Word word) const {
-        std::memcpy(static_cast<std::byte*>(bytes_) + offset, &word, sizeof word);
-    }
-    std::size_t size() const { return size_; }
-
-  private:
-    void* bytes_ = nullptr;
-    std::size_t size_ = 0;
-};
-
-// Offsets in the control block.
-constexpr std::size_t kMagicAt = 0, kStateAt = 48, kMsgSizeAt = 80, kHeapSizeAt = 84, kMaxEpsAt = 90,
-                      kTotalMsgAt = 92;
-constexpr std::size_t ep_at(std::size_t ep) {
-    return 200 + 168 * ep;
-}
-constexpr std::size_t kSignalsAt = 12, kDoorbellLockAt = 16;
-constexpr std::size_t kClosingAt = 4, kRestartsAt = 124, kAllocAt = 128, kReservedAt = 132;
-
-// Waits until the end point's owner sleeps with nothing to hear: it holds no lock then.
-inline bool is_asleep(const Segment& block, std::size_t ep) {
-    return eventually([&] {
-        return block.get<std::uint32_t>(ep_at(ep) + kSignalsAt) == 0 &&
-               block.get<std::uint32_t>(ep_at(ep) + kDoorbellLockAt) == 0;
-    });
-}
 
 }  // namespace qel_test

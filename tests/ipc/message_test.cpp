@@ -250,14 +250,16 @@ void expect_refusals(Participant& of, cerrno refusal, cerrno reply_refusal) {
 }
 
 TEST(Message, a_channel_that_isn_t_up_or_goes_refuses_every_call) {
-    Dispatched dispatched;
-    Participant client{"early", attributes(QEL_IPC_ROLE_CLIENT, 2), dispatched.dispatcher.handle};
+    auto dispatcher = std::make_shared<ServedDispatcher>();
+    Participant client{"early", channel_attr(QEL_IPC_ROLE_CLIENT, 2), dispatcher};
+    EXPECT_EQ(client.open(), 0u);
     expect_refusals(client, kTryAgain, kNotPermitted);
-    qel_ipc_attr attr = attributes(QEL_IPC_ROLE_SERVER, 1);
+    qel_ipc_attr attr = channel_attr(QEL_IPC_ROLE_SERVER, 1);
     attr.msg_mode = 1;
     attr.ext_cs = 1;
     attr.large_data_size = 0;
-    Participant server{"early", attr, dispatched.dispatcher.handle};
+    Participant server{"early", attr, dispatcher};
+    EXPECT_EQ(server.open(), 0u);
     EXPECT_TRUE(client.told(QEL_IPC_EVENT_READY));
     qel_ipc_msg msg = 0, reply = 0;
     EXPECT_EQ(qel_ipc_msg_alloc(client.ipc, kInline + 1, &msg, nullptr), kNoMemory);  // There is no heap.
@@ -316,12 +318,12 @@ TEST(Message, a_client_that_left_gets_no_reply_and_its_place_is_whole_for_the_ne
     Channel channel;
     Participant& server = channel.server;
     for (bool replied : {true, false}) {
-        server.events = 0;
-        Participant guest{channel.name, attributes(QEL_IPC_ROLE_CLIENT, 10),
-                          channel.dispatched.dispatcher.handle};
+        server.forget();
+        Participant guest{channel.name, channel_attr(QEL_IPC_ROLE_CLIENT, 10), channel.dispatcher};
+        EXPECT_EQ(guest.open(), 0u);
         for (int i = 0; i < 3; ++i) guest.send(make_request(guest, kLarge));
         EXPECT_TRUE(server.told(QEL_IPC_EVENT_EP_UPDATE));
-        server.events = 0;
+        server.forget();
         guest.close();
         EXPECT_TRUE(!replied || server.told(QEL_IPC_EVENT_EP_UPDATE));
         for (int i = 0; i < 3; ++i) {
@@ -333,7 +335,8 @@ TEST(Message, a_client_that_left_gets_no_reply_and_its_place_is_whole_for_the_ne
         }
     }
     // The next one takes the end point over at once, whether or not the server's update has run.
-    Participant next{channel.name, attributes(QEL_IPC_ROLE_CLIENT, 11), channel.dispatched.dispatcher.handle};
+    Participant next{channel.name, channel_attr(QEL_IPC_ROLE_CLIENT, 11), channel.dispatcher};
+    EXPECT_EQ(next.open(), 0u);
     next.send(make_request(next, 9));
     answer(server, server.receive(QEL_IPC_MSG_ASYNC_REQUEST), {9, 9, false});
     next.free(next.receive(QEL_IPC_MSG_REPLY));
@@ -347,8 +350,8 @@ TEST(Message, a_client_that_left_gets_no_reply_and_its_place_is_whole_for_the_ne
 
 TEST(Message, allocation_is_refused_when_credits_and_overflow_are_gone) {
     Channel channel;
-    Participant other{channel.name, attributes(QEL_IPC_ROLE_CLIENT, 10),
-                      channel.dispatched.dispatcher.handle};
+    Participant other{channel.name, channel_attr(QEL_IPC_ROLE_CLIENT, 10), channel.dispatcher};
+    EXPECT_EQ(other.open(), 0u);
     std::vector<qel_ipc_msg> held;
     for (std::uint32_t i = 0; i < kMessages / 2; ++i) held.push_back(channel.client.alloc(9));
     EXPECT_TRUE(channel.client.told(QEL_IPC_EVENT_FLOW_OFF));

@@ -30,4 +30,21 @@ QEL_ROLE(dies_with_lock) {
         reinterpret_cast<pthread_mutex_t*>(&segment.at<std::byte>(std::stoul(args[1]))));
 }
 
+// Offsets in the control block.
+constexpr std::size_t kMagicAt = 0, kStateAt = 48, kMsgSizeAt = 80, kHeapSizeAt = 84, kMaxEpsAt = 90,
+                      kTotalMsgAt = 92;
+constexpr std::size_t ep_at(std::size_t ep) {
+    return 200 + 168 * ep;
+}
+constexpr std::size_t kSignalsAt = 12, kDoorbellLockAt = 16;
+constexpr std::size_t kAllocAt = 128, kReservedAt = 132;
+
+// Waits until the end point's owner sleeps with nothing to hear: it holds no lock then.
+inline bool is_asleep(Segment& block, std::size_t ep) {
+    return eventually([&] {
+        return block.at<std::uint32_t>(ep_at(ep) + kSignalsAt) == 0 &&
+               block.at<std::uint32_t>(ep_at(ep) + kDoorbellLockAt) == 0;
+    });
+}
+
 }  // namespace qel_test
