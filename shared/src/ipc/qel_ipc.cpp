@@ -4,8 +4,9 @@
 // a close may have let the channel go while the call waited, and the place may serve another channel since.
 //
 // Invariant: a context with a handle belongs to the call that opens or closes it, or to whoever holds its
-// lock; one without belongs to nobody. Contexts and their locks are never given back, so a late caller finds
-// a lock that works and then a handle that isn't its own.
+// lock; one without belongs to nobody. Contexts, their locks and the local parts of their doorbells are made
+// once and never given back: a late caller finds a lock that works and then a handle that isn't its own, a
+// doorbell's thread that outlives its channel one whose generation isn't its own.
 // Locks: ipc_array_mutex guards the table, who has which place, and the places' names and own end points as
 // other contexts see them. It stands alone, but for a client that opens, which takes it under shm_mutex.
 #include "ipc/qel_ipc.hpp"
@@ -33,9 +34,13 @@ constinit Contexts contexts;
 
 IpcContext* make_table() {
     void* memory = qel_named_calloc_(kMaxContexts, sizeof(IpcContext), qel_tag_e_get_string(QEL_MEM_IPC), 0);
-    if (memory == nullptr) return nullptr;
+    Undo give_back{[&] { qel_named_free(memory); }};
     auto* table = static_cast<IpcContext*>(memory);
-    for (std::uint32_t i = 0; i < kMaxContexts; ++i) new (&table[i]) IpcContext{};
+    for (std::uint32_t i = 0; memory != nullptr && i < kMaxContexts; ++i) {
+        new (&table[i]) IpcContext{};
+        if (qel_sep_init_once(&table[i].sep) != 0) return nullptr;
+    }
+    give_back.keep();
     return table;
 }
 

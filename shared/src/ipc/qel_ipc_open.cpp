@@ -328,8 +328,6 @@ cerrno prepare_locals(IpcContext& ipc, const Request& request) {
     ipc.handler = request.handler;
     ipc.handler_ctx = request.handler_ctx;
     if (!is_client(ipc)) set_own_ep(ipc, 0);
-    if (cerrno error = qel_sep_init_once(&ipc.sep); error != 0)
-        return ipc_error(kOpen, "qel_sep_init_once", error);
     return ipc.msg_mode >= 2 ? make_sync_hash(ipc) : 0;
 }
 
