@@ -214,6 +214,7 @@ class Participant {
 //     alloc N | send N          N messages with contexts 1, 2, ... to the server; how many went
 //     take N                    N messages received and held; their contexts
 //     drop                      frees all that is held
+//     forget                    what was told so far doesn't count
 inline int run_peer(const RoleArgs& args) {
     qel_ipc_attr attr =
         channel_attr(static_cast<std::uint32_t>(std::stoul(args.at(1))), std::stoull(args.at(2)));
@@ -244,6 +245,7 @@ inline int run_peer(const RoleArgs& args) {
         if (command == "take")
             for (; done < count; ++done) answer << peer.take() << " ";
         if (command == "drop") peer.drop_held();
+        if (command == "forget") peer.forget();
         say("=" + answer.str());
     }
     return 0;

@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "ipc/qel_ipc_channel.hpp"
+#include "shm/qel_mem_safe_shm_lnx.hpp"
 
 namespace qel {
 namespace {
@@ -126,6 +127,7 @@ int await_doorbell(qel_sep_record& record) {
 cerrno start_doorbell(IpcContext& ipc, Opening& opening, const char* text) {
     if (int error = await_doorbell(own_record(ipc).sep); error != 0)
         return opening.refuse(text, fatal(error));
+    if (shm_platform::thread_exists(read_shared(own_record(ipc).pid))) sep_evict(own_record(ipc).sep);
     int error = qel_sep_init(static_cast<std::uint16_t>(ipc.ep), &ipc.sep, &ipc.eps[ipc.ep].sep,
                              &own_record(ipc).sep, ipc.dm, ipc_dm_handler, ipc.handle);
     if (error == 0) sep_handler_begins(ipc.sep);

@@ -36,6 +36,9 @@ void sep_wake_stranded(qel_sep_record& record);
 // qel_sep_destroy(), and whether the thread has ended. If it has not, it may still sleep in the record, so
 // the record's mapping must stay.
 bool sep_stop(qel_sep& local);
+// Ends the thread of a former owner that lives and will not be heard of again, so that it takes none of the
+// new owner's wake-ups. Before qel_sep_init(); waits for a tenth of a second at most.
+void sep_evict(qel_sep_record& record);
 
 // --- between the three files ---
 

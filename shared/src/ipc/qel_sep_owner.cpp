@@ -228,6 +228,11 @@ bool await_end(qel_sep& local) {
     return local.sep_running == 0;
 }
 
+bool has_ended(qel_sep& local) {
+    Locked lock{lock_of(local)};
+    return local.sep_running == 0;
+}
+
 // Handlers that look for more leave within microseconds, if they run at all.
 bool await_lookers(qel_sep& local) {
     for (std::uint32_t waited = 0; lookers_of(local).load() != 0 && waited < kStopRounds * kStopRoundMs;
@@ -259,7 +264,7 @@ bool sep_stop(qel_sep& local) {
         tell_to_stop(local, *record);
         qel_time_sleep(kSettleMs);
     }
-    bool ended = record == nullptr ? local.sep_running == 0 : await_end(local);
+    bool ended = record == nullptr ? has_ended(local) : await_end(local);
     end_generation(local);
     bool left = await_lookers(local);
     if (record != nullptr) {
@@ -269,6 +274,20 @@ bool sep_stop(qel_sep& local) {
     }
     local.sep_shm = nullptr;
     return ended && left;
+}
+
+void sep_evict(qel_sep_record& record) {
+    {
+        SharedLocked lock{mutex_of(record)};
+        std::uint32_t running = QEL_SEP_STATE_RUNNING;
+        if (!state_of(record).compare_exchange_strong(running, QEL_SEP_STATE_STOPPING)) return;
+        // A bell that can't be rung shows as a sleeper that stays.
+        if (lock.error() == 0) static_cast<void>(ring_bell_locked(record));
+    }
+    qel_time_sleep(kSettleMs);
+    for (std::uint32_t waited = 0; waited < kStopRoundMs && sep_platform::has_sleeper(record.sep_cond);
+         ++waited)
+        qel_time_sleep(1);
 }
 
 }  // namespace qel
