@@ -131,6 +131,7 @@ cerrno dump_channel(const char* name, std::uint32_t level) {
     if (cerrno error = attach_channel(name, channel); error != 0) return error;
     IpcHeader& live = header_of(channel);
     DumpLocked lock{live.shm_mutex, "shm_mutex"};
+    tell_if_missed(lock.missed());
     HeaderCopy header;
     header.take(live, name);
     print_general(*header);

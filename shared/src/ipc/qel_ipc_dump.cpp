@@ -151,19 +151,15 @@ void print_end_point(const IpcHeader& header, std::uint32_t ep, const PoolRing& 
 
 }  // namespace
 
-DumpLocked::DumpLocked(SharedMutex& mutex, const char* name) : lock_(mutex, kDumpLockMs) {
-    if (lock_.error() == 0) return;
-    LongWait wait = mutex.describe(kDumpLockMs / 1000);
-    static_cast<void>(qel_cli_printf("*** %s not got within %u s, held by thread %u (%s)\n", name,
-                                     wait.seconds, wait.holder, wait.holder_lives != 0 ? "alive" : "gone"));
-}
-
 void print_flow_control(IpcHeader& live) {
     HeaderCopy copy;
+    std::optional<MissedLock> missed;
     {
         DumpLocked lock{live.fc_lock, "fc_lock"};
         copy.take(live, "");  // The name isn't shown.
+        missed = lock.missed();
     }
+    tell_if_missed(missed);
     print_flow_table(*copy);
 }
 
@@ -194,6 +190,7 @@ void qel_ipc_dump(qel_ipc_handle ipc, uint32_t level) {
         return;
     }
     DumpLocked lock{context->hdr->shm_mutex, "shm_mutex"};
+    tell_if_missed(lock.missed());
     static_cast<void>(qel_cli_printf("\n--- QEL IPC POOLS AND FLOW CONTROL ---\n"));
     print_flow_control(*context->hdr);
     if (level == 0) return;

@@ -1,21 +1,10 @@
 // The tables of a channel's dump, for the calls that print them.
 #pragma once
 
+#include "ipc/qel_dump_lock.hpp"
 #include "ipc/qel_ipc.hpp"
 
 namespace qel {
-
-// How long a dump waits for a lock before it goes on without it.
-inline constexpr std::uint32_t kDumpLockMs = 2000;
-
-// Holds a channel's lock for a dump, if it can be had in time; if not, a line tells who has it.
-class DumpLocked {
-  public:
-    DumpLocked(SharedMutex& mutex, const char* name);
-
-  private:
-    BriefSharedLocked lock_;
-};
 
 // Where a dump finds what messages refer to: the channel's heap, 0 for none, and this process's context of
 // the channel, null for a dump by name.

@@ -16,12 +16,12 @@
 #include <optional>
 
 #include "core/qel_owned.hpp"
+#include "ipc/qel_dump_lock.hpp"
 #include "ipc/qel_ring_words.hpp"
 
 namespace qel {
 namespace {
 
-constexpr std::uint32_t kLockMs = 2000;
 constexpr std::uint32_t kShownBytes = 16;
 constexpr std::uint32_t kDataLevel = 2;
 constexpr std::uint32_t kFreeLevel = 3;
@@ -139,27 +139,16 @@ class RingDump {
     Slice held_;
     Slice free_;
     Words words_{};
-    std::optional<LongWait> missed_free_;
-    std::optional<LongWait> missed_prod_;
+    std::optional<MissedLock> missed_free_;
+    std::optional<MissedLock> missed_prod_;
 };
-
-void tell_if_missed(const char* name, const std::optional<LongWait>& missed) {
-    if (!missed) return;
-    std::printf("*** %s not got within %u s, held by thread %u (%s)\n", name, missed->seconds, missed->holder,
-                missed->holder_lives != 0 ? "alive" : "gone");
-}
-
-std::optional<LongWait> missed(const SharedMutex& mutex, const BriefSharedLocked& lock) {
-    if (lock.error() == 0) return std::nullopt;
-    return mutex.describe(kLockMs / 1000);
-}
 
 void RingDump::copy() {
     RingHeader& header = *ring_.hdr;
-    BriefSharedLocked free_lock{header.ring_free, kLockMs};
-    BriefSharedLocked prod_lock{header.ring_prod, kLockMs};
-    missed_free_ = missed(header.ring_free, free_lock);
-    missed_prod_ = missed(header.ring_prod, prod_lock);
+    DumpLocked free_lock{header.ring_free, "ring_free"};
+    DumpLocked prod_lock{header.ring_prod, "ring_prod"};
+    missed_free_ = free_lock.missed();
+    missed_prod_ = prod_lock.missed();
     words_ = read_words(header);
     held_.copy(ring_, words_.rel_idx, words_.prod_idx, words_.cons_count | words_.prod_count);
     if (shows_free()) free_.copy(ring_, words_.free_idx, words_.rel_idx, words_.free_count);
@@ -200,8 +189,8 @@ void RingDump::print_slot(std::uint32_t slot, const SlotCopy& copy) const {
 
 void RingDump::print() const {
     auto show = [this](std::uint32_t slot, const SlotCopy& copy) { print_slot(slot, copy); };
-    tell_if_missed("ring_free", missed_free_);
-    tell_if_missed("ring_prod", missed_prod_);
+    tell_if_missed(missed_free_);
+    tell_if_missed(missed_prod_);
     if (ring_.num == 0) print_sizes();
     std::printf("     F=%d (%d), P=%d (%d), C=%d (%d), R=%d\n", static_cast<int>(words_.free_idx),
                 static_cast<int>(words_.free_count), static_cast<int>(words_.prod_idx),
