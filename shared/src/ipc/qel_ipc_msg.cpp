@@ -71,6 +71,12 @@ void trace_alloc(const IpcContext& ipc, const qel_ring_msg& message, std::uint32
               ipc.hdr->trace_id, ipc.ep, size, message.handle, own.alloc, own.reserved_credits);
 }
 
+void trace_entry(const IpcContext& ipc, std::uint32_t size) {
+    static std::uint32_t tp = QEL_DT_TP_UNREGISTERED;
+    ipc_trace(tp, "pid: %d [%x:%d] qel_ipc_msg_alloc entered L=%d", own_pid(), ipc.hdr->trace_id, ipc.ep,
+              size);
+}
+
 // What the three calls for data have in common, from the message found to the outputs.
 using DataOf = bool (*)(const IpcContext& ipc, qel_ring_msg& message, DataSpan& out);
 cerrno give_data(const FoundMessage& found, DataOf data_of, void** address, std::uint32_t* length,
@@ -127,6 +133,8 @@ cerrno qel_ipc_msg_alloc(qel_ipc_handle ipc_handle, uint32_t size, qel_ipc_msg* 
     if (!ipc) return refuse(__func__, "invalid ipc handle");
     *msg = 0;
     if (buffer != nullptr) *buffer = nullptr;
+    if (trace_level(*ipc) > 2) [[unlikely]]
+        trace_entry(*ipc, size);
     if (cerrno refused = require_allocator(*ipc, __func__); refused != 0) return refused;
     qel_ring_msg* message = nullptr;
     if (cerrno refused = take_message(*ipc, message, __func__); refused != 0) return refused;
