@@ -132,6 +132,9 @@ qel_ipc_ctx* qel_lock_ipc_from_handle(qel_ipc_handle handle) QEL_NO_THREAD_SAFET
 
 void qel_ipc_unlock(qel_ipc_ctx* ipc) QEL_NO_THREAD_SAFETY_ANALYSIS {
     if (ipc == nullptr) return;
+#if defined(QEL_SELF_CHECK)
+    check_channel(*ipc);
+#endif
     if (int error = ipc->lock.unlock(); error != 0) IpcMutexFailures::unlock_failed(error);
 }
 

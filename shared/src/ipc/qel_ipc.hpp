@@ -208,6 +208,11 @@ void free_sync_hash(IpcContext& ipc);
 
 void ipc_dm_handler(qel_dm_handle dm, std::uint64_t ipc, std::uint64_t modifier);
 
+// --- qel_ipc_check.cpp: the invariants, asked by debug builds
+
+// Ends the process if one is broken. The context's lock is held, and no lock of the channel.
+void check_channel(IpcContext& ipc);
+
 // --- qel_ipc_report.cpp: the lines of messaging
 
 // "pid: %d [%x:%d:%d] ERROR: %s: %s err=%d" and its shorter forms, to the error buffer and on qel_ipc_err_df.
