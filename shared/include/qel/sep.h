@@ -71,7 +71,7 @@ typedef struct qel_sep {
     qel_sep_handler sep_handler; /**< what a wake-up runs */
     uint32_t sep_ipc;            /**< the number that the handler gets */
     qel_sep_record** sep_shm;    /**< the place that points to the record; null when stopped */
-    uint32_t reserved[4];        /**< the library's */
+    uint32_t reserved[6];        /**< the library's */
 } qel_sep;
 
 /**

@@ -28,7 +28,8 @@ std::uint32_t sep_next_signals(qel_sep& local, qel_sep_record& record);
 // owner in the middle of a conversation is found awake. The caller lets its lock go and calls
 // sep_look_again(); the record stays mapped until that returns, as sep_stop() waits for it.
 bool sep_begin_look(qel_sep& local);
-// Looks for some tens of microseconds at most; true when bits came, which sep_next_signals() gives.
+// Looks for some tens of microseconds, at times for some hundreds; true when bits came, which
+// sep_next_signals() gives.
 bool sep_look_again(qel_sep& local, qel_sep_record& record);
 // By a process that opens the channel, for each owner whose bell its former life may have rung last: who dies
 // between giving sep_mutex back and waking the next leaves the owner's thread waiting for a free mutex.
@@ -63,6 +64,8 @@ struct SepWords {
     std::uint16_t looks_to_skip;
     std::uint16_t looks_backed_off;  // skipped after the next look in vain, at least
     std::uint16_t spins_in_vain;     // in a row
+    std::uint16_t long_looks_done;   // in a row that found something, but late
+    std::uint16_t reserved[3];
 };
 static_assert(sizeof(SepWords) == sizeof(qel_sep::reserved));
 

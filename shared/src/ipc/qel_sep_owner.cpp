@@ -196,7 +196,8 @@ void begin_generation(qel_sep& local) {
     SepWords& words = words_of(local);
     Locked lock{lock_of(local)};
     handler_of(local).store(HandlerState::untold);
-    for (std::uint16_t* word : {&words.looks_to_skip, &words.looks_backed_off, &words.spins_in_vain})
+    for (std::uint16_t* word :
+         {&words.looks_to_skip, &words.looks_backed_off, &words.spins_in_vain, &words.long_looks_done})
         std::atomic_ref{*word}.store(0, std::memory_order_relaxed);
     std::uint32_t generation = ++last_generation;
     std::atomic_ref{words.generation}.store(generation == 0 ? ++last_generation : generation);

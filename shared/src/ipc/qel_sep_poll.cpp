@@ -6,6 +6,11 @@
 // vain the next two, and so on up to a thousand: an owner with rare signals doesn't burn its processor for
 // them.
 //
+// Two who wake each other at every message never find one another with that: each comes after the other's
+// look. So a look after many in vain is a long one, which outlasts a wake-up; where it finds something the
+// next looks are long and due, until the peer's own look meets one of them and both go on with quick ones. If
+// that doesn't come about soon, the peer is slow by itself, and the next try is put off further.
+//
 // Invariant: the mark stands only while a thread is inside sep_look_again(), and each way out takes it back
 // by a step that sees the bits that were added under it; these stay, and the thread takes them next. Two
 // threads may run handlers at once: what one clears, it has taken, and the other finds no mark and goes.
@@ -24,7 +29,10 @@ namespace qel {
 namespace {
 
 constexpr int kSpinRounds = 80;  // some two microseconds
-constexpr timespec kLongestLook{0, 50'000};
+constexpr timespec kQuickLook{0, 50'000};
+constexpr timespec kLongLook{0, 300'000};
+constexpr std::uint32_t kLongFrom = 32;  // looks left out, and the next one is long
+constexpr std::uint16_t kLongInARow = 128;
 constexpr std::uint32_t kMostSkipped = 1024;
 constexpr std::uint16_t kSpinsToTell = 4;    // in vain, and spinning is left out
 constexpr std::uint16_t kSpinsToRetry = 64;  // but for one in so many looks
@@ -47,19 +55,27 @@ void spin(SepWords& words, qel_sep_record& record) {
     if (!is_bare_mark(record)) std::atomic_ref{words.spins_in_vain}.store(0, std::memory_order_relaxed);
 }
 
-void give_way(qel_sep_record& record) {
-    timespec end = add(monotonic_now(), kLongestLook);
-    while (is_bare_mark(record) && order(monotonic_now(), end) < 0) sched_yield();
+enum class Found { nothing, late, at_once };
+
+// Until bits come or a look is over; whether that was within a quick one.
+bool give_way(qel_sep_record& record, bool is_long) {
+    timespec start = monotonic_now();
+    timespec quick_end = add(start, kQuickLook), end = is_long ? add(start, kLongLook) : quick_end;
+    timespec now = start;
+    for (; is_bare_mark(record) && order(now, end) < 0; now = monotonic_now()) sched_yield();
+    return order(now, quick_end) < 0;
 }
 
-// Whether bits came.
-bool look(SepWords& words, qel_sep_record& record) {
+Found look(SepWords& words, qel_sep_record& record, bool is_long) {
     std::uint32_t seen = 0;
     // Another thread looks already, or there are signals.
-    if (!flags_of(record).compare_exchange_strong(seen, kOwnerAwake)) return (seen & kOwnerAwake) == 0;
+    if (!flags_of(record).compare_exchange_strong(seen, kOwnerAwake))
+        return (seen & kOwnerAwake) == 0 ? Found::at_once : Found::nothing;
     spin(words, record);
-    give_way(record);
-    return (flags_of(record).fetch_and(~kOwnerAwake) & ~kOwnerAwake) != 0;
+    bool quick = give_way(record, is_long);
+    bool came = (flags_of(record).fetch_and(~kOwnerAwake) & ~kOwnerAwake) != 0;
+    if (!came) return Found::nothing;
+    return quick ? Found::at_once : Found::late;
 }
 
 // A thread at a time as a rule; counts that two threads mix up cost a look at most.
@@ -71,12 +87,25 @@ bool is_due(SepWords& words) {
     return false;
 }
 
-void learn(SepWords& words, bool came) {
+void back_off(SepWords& words) {
     std::atomic_ref backed_off{words.looks_backed_off};
     std::uint32_t before = backed_off.load(std::memory_order_relaxed);
-    auto skip = static_cast<std::uint16_t>(came ? 0 : std::clamp(before * 2, 1u, kMostSkipped));
+    auto skip = static_cast<std::uint16_t>(std::clamp(before * 2, 1u, kMostSkipped));
     backed_off.store(skip, std::memory_order_relaxed);
     std::atomic_ref{words.looks_to_skip}.store(skip, std::memory_order_relaxed);
+    std::atomic_ref{words.long_looks_done}.store(0, std::memory_order_relaxed);
+}
+
+void learn(SepWords& words, Found found) {
+    std::atomic_ref long_done{words.long_looks_done};
+    if (found == Found::at_once) {
+        std::atomic_ref{words.looks_backed_off}.store(0, std::memory_order_relaxed);
+        long_done.store(0, std::memory_order_relaxed);
+        return;
+    }
+    auto done = static_cast<std::uint16_t>(long_done.load(std::memory_order_relaxed) + 1);
+    if (found == Found::nothing || done >= kLongInARow) return back_off(words);
+    long_done.store(done, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -104,10 +133,12 @@ bool sep_begin_look(qel_sep& local) {
 }
 
 bool sep_look_again(qel_sep& local, qel_sep_record& record) {
-    bool came = look(words_of(local), record);
-    learn(words_of(local), came);
+    SepWords& words = words_of(local);
+    bool is_long = std::atomic_ref{words.looks_backed_off}.load(std::memory_order_relaxed) >= kLongFrom;
+    Found found = look(words, record, is_long);
+    learn(words, found);
     lookers_of(local).fetch_sub(1);
-    return came;
+    return found != Found::nothing;
 }
 
 }  // namespace qel
