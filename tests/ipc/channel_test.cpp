@@ -299,6 +299,46 @@ TEST(Channel, a_killed_server_comes_back_to_its_messages) {
     EXPECT_EQ(waiting.ask("told 8000"), "yes");
 }
 
+// One message from state to state between two processes, with each call that its state refuses.
+TEST(Channel, a_message_refuses_what_its_state_does_not_allow) {
+    PeerProcess server{"ways", kServer, 1};
+    Participant client{"ways", channel_attr(kClient, 2)};
+    ASSERT_TRUE(server.ask("open") == "0" && client.open() == 0 && client.told(QEL_IPC_EVENT_READY));
+    qel_ipc_msg msg = 0;
+    EXPECT_EQ(qel_ipc_receive(client.ipc, nullptr, &msg, nullptr), kTryAgain);
+    ASSERT_EQ(client.hold(7, kLarge), 0u);
+    msg = client.held.back();
+    auto expect_not_ours = [&] {
+        qel_ipc_msg copy = msg;
+        EXPECT_EQ(qel_ipc_msg_free(&copy), kNotPermitted);
+        EXPECT_EQ(qel_ipc_async_send(client.ipc, nullptr, msg), kTryAgain);
+        EXPECT_EQ(qel_ipc_reply(client.ipc, nullptr, msg, 0), kInvalid);
+        EXPECT_EQ(qel_ipc_msg_alloc_reply_buffer(msg, 8, nullptr), kInvalid);
+        EXPECT_EQ(qel_ipc_msg_free_incoming_buffer(msg), kNotPermitted);
+    };
+    ASSERT_EQ(qel_ipc_async_send(client.ipc, nullptr, msg), 0u);
+    client.held.clear();
+    expect_not_ours();  // Produced
+    ASSERT_EQ(server.ask("take 1"), "7 ");
+    expect_not_ours();  // Consumed, by the other
+    ASSERT_EQ(server.ask("reply 1"), "1");
+    ASSERT_EQ(client.take(), 7u);
+    std::uint32_t status = 0;
+    EXPECT_TRUE(client.held.back() == msg && qel_ipc_msg_get_status(msg, &status) == 0 && status == 0x55);
+    EXPECT_EQ(qel_ipc_async_send(client.ipc, nullptr, msg), kTryAgain);
+    EXPECT_EQ(qel_ipc_reply(client.ipc, nullptr, msg, 0), kInvalid);
+    EXPECT_EQ(qel_ipc_msg_alloc_reply_buffer(msg, 8, nullptr), kInvalid);
+    EXPECT_EQ(qel_ipc_msg_free_incoming_buffer(msg), kNotPermitted);
+    client.drop_held();
+    EXPECT_EQ(qel_ipc_msg_free(&msg), kInvalid);  // Free
+    cerrno error = 0;
+    while ((error = client.hold(1)) == 0) continue;
+    EXPECT_EQ(error, kNoMemory);
+    ASSERT_EQ(server.ask("close"), "0");
+    EXPECT_TRUE(client.told(QEL_IPC_EVENT_DOWN));
+    EXPECT_EQ(qel_ipc_async_send(client.ipc, nullptr, client.held.front()), kGone);
+}
+
 // The request that the dead server had received is reclaimed; the one that it had not is answered.
 TEST(Channel, a_synchronous_sender_doesn_t_wait_for_what_a_restart_reclaimed) {
     Participant client{"lost", channel_attr(kClient, 2)};

@@ -164,6 +164,13 @@ class Participant {
         EXPECT_EQ(qel_ipc_msg_get_context(msg, &context), 0u);
         return context;
     }
+    cerrno answer_oldest() {
+        void* area = nullptr;
+        EXPECT_EQ(qel_ipc_msg_alloc_reply_buffer(held.front(), kLarge, &area), 0u);
+        cerrno error = qel_ipc_reply(ipc, nullptr, held.front(), 0x55);
+        if (error == 0) held.pop_front();
+        return error;
+    }
     void drop_held() {
         for (qel_ipc_msg& msg : held) EXPECT_EQ(qel_ipc_msg_free(&msg), 0u);
         held.clear();
@@ -213,6 +220,7 @@ class Participant {
 //     connections               "EVENT:APP_ID " for each, in hexadecimal
 //     alloc N | send N          N messages with contexts 1, 2, ... to the server; how many went
 //     take N                    N messages received and held; their contexts
+//     reply N                   answers the N oldest of them with a long reply and status 0x55; how many
 //     drop                      frees all that is held
 //     forget                    what was told so far doesn't count
 inline int run_peer(const RoleArgs& args) {
@@ -244,6 +252,10 @@ inline int run_peer(const RoleArgs& args) {
         }
         if (command == "take")
             for (; done < count; ++done) answer << peer.take() << " ";
+        if (command == "reply") {
+            while (done < count && peer.answer_oldest() == 0) ++done;
+            answer << done;
+        }
         if (command == "drop") peer.drop_held();
         if (command == "forget") peer.forget();
         say("=" + answer.str());
