@@ -2,6 +2,7 @@
 // that the test chooses to the millisecond, so ties and leaves that are due take no waiting.
 #include "dispatch/dm_support.hpp"
 
+#include <qel/dm_threadpool.h>
 #include <qel/mgd_timer.h>
 #include <qel/time.h>
 
@@ -371,4 +372,23 @@ TEST(MgdTimer, ends_against_expiry_on_a_pool) {
     while (!rounds.empty()) end_oldest(rounds);
     EXPECT_THAT(fired.load(), testing::AllOf(testing::Gt(500), testing::Lt(9'900))) << "ends met no expiry";
     EXPECT_EQ(qel_dm_destroy(&dm.handle), 0);
+}
+
+TEST(MgdTimer, a_leaf_that_is_always_due_lets_its_dispatcher_go) {
+    TestDispatcher dm;
+    ASSERT_EQ(qel_dm_threadpool_create(dm.handle, 0, nullptr, nullptr), 0);
+    Tree* tree = qel_mgd_timer_tree_alloc();
+    Leaf* leaf = qel_mgd_timer_leaf_alloc(tree, nullptr, 0, nullptr);
+    static std::atomic<int> fired{0};
+    auto handler = [](Tree*, Leaf* due, void*) {
+        ++fired;
+        EXPECT_EQ(qel_mgd_timer_leaf_start(due, 1), 0);
+        std::this_thread::sleep_for(3ms);
+    };
+    ASSERT_EQ(qel_mgd_timer_attach_qdm(tree, dm.handle, handler), 0);
+    ASSERT_EQ(qel_mgd_timer_leaf_start(leaf, 1), 0);
+    EXPECT_TRUE(eventually([] { return fired > 2; }));
+    EXPECT_EQ(qel_dm_destroy(&dm.handle), 0);
+    EXPECT_EQ(qel_mgd_timer_leaf_free(&leaf), 0);
+    EXPECT_EQ(qel_mgd_timer_tree_free(&tree), 0);
 }

@@ -22,6 +22,7 @@
 
 #include "containers/qel_idm_family.hpp"
 #include "core/qel_owned.hpp"
+#include "dispatch/qel_dm.hpp"
 #include "dispatch/qel_dm_report.hpp"
 #include "timers/qel_mgd_timer.hpp"
 
@@ -141,9 +142,14 @@ class Handling {
     Visit& visit_;
 };
 
+// A leaf that its handler always finds due again would keep qel_dm_destroy() waiting for this thread.
+bool dispatcher_goes() {
+    return dm::served_here != nullptr && dm::served_here->destroy_pending();
+}
+
 void handle_due(Visit& visit, timespec now) {
     Handling handling{visit};
-    while (visit) {
+    while (visit && !dispatcher_goes()) {
         Tree& tree = visit.tree();
         Leaf* leaf = next_due_locked(tree, now);
         if (leaf == nullptr) return;
