@@ -1,12 +1,9 @@
 // The subcommands of "qel ipc" on channels of the living and of the dead, through their output and exit
 // codes.
 #include "ipc/segment_support.hpp"
-
-#include <sys/wait.h>
+#include "tools/tool_support.hpp"
 
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 
 namespace qel_test {
 namespace {
@@ -14,37 +11,6 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
-
-constexpr int kFine = 0, kFinding = 1, kUsage = 2, kUnreadable = 3;
-
-struct Result {
-    int code;
-    std::string output;
-};
-
-Result shell(const std::string& command) {
-    Result result{-1, ""};
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return result;
-    char part[512];
-    while (size_t got = fread(part, 1, sizeof part, pipe)) result.output.append(part, got);
-    int status = pclose(pipe);
-    result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
-}
-
-Result qel(const std::string& arguments) {
-    return shell(std::string{getenv("QEL_TOOL")} + " --root " + shm_root() + " " + arguments + " 2>&1");
-}
-
-// A value of the tool's JSON, by a Python expression over the document 'd'.
-std::string json(const std::string& arguments, const std::string& expression) {
-    std::string python =
-        "python3 -c 'import json,sys; d=json.loads(sys.stdin.readline()); print(" + expression + ")'";
-    return shell(std::string{getenv("QEL_TOOL")} + " --root " + shm_root() + " " + arguments + " --json | " +
-                 python)
-        .output;
-}
 
 // A server and a client that hold a message, and send more when they are told to.
 QEL_ROLE(tool_channel) {

@@ -34,5 +34,6 @@ void print_json(const Json& document);
 std::string printable(std::string text);
 
 void add_ipc(CLI::App& program, Run& run);
+void add_err(CLI::App& program, Run& run);
 
 }  // namespace qel_tool

@@ -24,10 +24,11 @@ constexpr char kFooter[] =
     "  qel ipc show element.keys            one channel in full, checked\n"
     "  qel ipc show element.keys --json     the same for a program\n"
     "  qel ipc level element.keys --trace 1 turns its traces on\n"
+    "  qel err 0xa0000016                   what a result code means\n"
     "  qel --root test1. ipc ls             channels whose names begin with \"test1.\" in shared memory";
 
 using AddFamily = void (*)(CLI::App& program, Run& run);
-constexpr std::array<AddFamily, 1> kFamilies{add_ipc};
+constexpr std::array<AddFamily, 2> kFamilies{add_ipc, add_err};
 
 Exit fail(const Run& run, const Unreadable& error) {
     if (run.json) print_json({{"error", error.what}});
