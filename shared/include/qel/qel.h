@@ -4,6 +4,7 @@
 #define QEL_QEL_H
 
 #include <qel/atomic.h>
+#include <qel/avl.h>
 #include <qel/base.h>
 #include <qel/cerrno.h>
 #include <qel/clock_change.h>
@@ -33,5 +34,6 @@
 #include <qel/time.h>
 #include <qel/tw.h>
 #include <qel/types.h>
+#include <qel/wavl.h>
 
 #endif

@@ -1,0 +1,37 @@
+// AVL trees inside the library: what the files of plain and wrapped trees share.
+#pragma once
+
+#include <qel/avl.h>
+
+#include <cerrno>
+#include <cstddef>
+
+#include "core/qel_codes.hpp"
+#include "trace/qel_report.hpp"
+
+namespace qel::avl {
+
+using Node = qel_avl_node;
+
+// A tree of this height has more nodes than the 32 bits of its size can count, by far.
+inline constexpr std::size_t kMaxHeight = 64;
+
+// What a refused call returns: null where a pointer is due, else 0xa0000016.
+struct Refused {
+    constexpr operator cerrno() const { return fatal(EINVAL); }
+    constexpr operator int() const { return static_cast<int>(fatal(EINVAL)); }
+    template <class T>
+    constexpr operator T*() const {
+        return nullptr;
+    }
+};
+
+template <FixedText Label>
+Refused bad_argument(const char* argument) {
+    return failed<Label, "%s invalid argument \"%s\"">(Refused{}, argument);
+}
+
+// Takes 'node' itself out of 'tree' and zeroes it; false when its key doesn't lead to it there.
+bool take_out(qel_avl& tree, Node& node);
+
+}  // namespace qel::avl
