@@ -4,6 +4,7 @@
 
 #include <qel/hash.h>
 #include <qel/list.h>
+#include <qel/wavl.h>
 
 #include <array>
 
@@ -19,6 +20,22 @@ uint32_t hash_element(const void* element, void*) {
 }
 bool same_key(const void* left, const void* right, void*) {
     return hash_element(left, nullptr) == hash_element(right, nullptr);
+}
+
+int first_wins(const qel_avl_node*, const qel_avl_node*) {
+    return QEL_AVL_EQUAL;
+}
+
+// An allocator that counts what it has out.
+int blocks_out = 0;
+void* counted_allocate(size_t size) {
+    if (!qel_test::allow_allocation()) return nullptr;
+    ++blocks_out;
+    return malloc(size);
+}
+void counted_free(void* memory) {
+    --blocks_out;
+    free(memory);
 }
 
 }  // namespace
@@ -84,4 +101,22 @@ TEST(ContainerFailure, maps_and_lists_are_whole_or_not_there) {
                   EXPECT_EQ(qel_list_destroy(&list), 0u);
               }),
               3);
+}
+
+TEST(ContainerFailure, wrapped_trees_are_all_made_or_none) {
+    for (bool counted : {false, true}) {
+        auto make_and_end = [counted] {
+            qel_wavl handle{};
+            if (counted) handle.alloc_fn = counted_allocate, handle.free_fn = counted_free;
+            const cerrno error = qel_wavl_tree_init(&handle, 2, nullptr, first_wins, first_wins);
+            EXPECT_EQ(error, qel_test::allocation_failed ? 0xa000000c : 0u);
+            EXPECT_EQ(handle.initialized, error == 0);
+            EXPECT_EQ(blocks_out, counted && error == 0 ? 3 : 0);
+            EXPECT_EQ(qel_wavl_tree_finish(&handle), error == 0 ? 0 : 0xa0000016);
+            EXPECT_EQ(handle.trees, nullptr);
+        };
+        make_and_end();  // makes the trace buffers
+        EXPECT_EQ(qel_test::fail_each_allocation(make_and_end), 3);
+        EXPECT_EQ(blocks_out, 0);
+    }
 }
