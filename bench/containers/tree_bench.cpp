@@ -3,11 +3,11 @@
 //
 // Beside Boost.Intrusive's avl_set, see tree_load.hpp. Its nodes have a link to their parent, ours haven't;
 // its comparisons are inlined, ours are calls.
+#include "containers/tree_load.hpp"
+
 #include <qel/avl.h>
 
 #include <boost/intrusive/avl_set.hpp>
-
-#include "containers/tree_load.hpp"
 
 namespace {
 
@@ -58,7 +58,7 @@ class Ours {
     static int by_key(const qel_avl_node* a, const qel_avl_node* b) {
         const std::uint64_t left = key_of(a);
         const std::uint64_t right = key_of(b);
-        return left < right ? QEL_AVL_BEFORE : left > right ? QEL_AVL_AFTER : QEL_AVL_EQUAL;
+        return left == right ? QEL_AVL_EQUAL : left < right;
     }
     static int add_key(qel_avl_node* node, void* sum) {
         *static_cast<std::uint64_t*>(sum) += key_of(node);

@@ -5,6 +5,9 @@
 // find(order), remove(order) and walk(); prepare() of an operation isn't timed.
 #pragma once
 
+// The peer runs without the checks of its debug mode.
+#define BOOST_DISABLE_ASSERTS
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

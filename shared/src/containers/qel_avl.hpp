@@ -7,6 +7,7 @@
 #include <cstddef>
 
 #include "core/qel_codes.hpp"
+#include "core/qel_prefetch.hpp"
 #include "trace/qel_report.hpp"
 
 namespace qel::avl {
@@ -29,6 +30,21 @@ struct Refused {
 template <FixedText Label>
 Refused bad_argument(const char* argument) {
     return failed<Label, "%s invalid argument \"%s\"">(Refused{}, argument);
+}
+
+// Asks for both children, of which the comparison that is to come takes one.
+inline void want_children(const Node& node) {
+    want_to_read(node.left);
+    want_to_read(node.right);
+}
+
+inline bool is_equal(int order) {
+    return order != QEL_AVL_BEFORE && order != QEL_AVL_AFTER;
+}
+
+// The link to follow after a comparison of 'node' with the goal that didn't find them equal.
+inline Node*& way_on(Node& node, int order) {
+    return order == QEL_AVL_BEFORE ? node.right : node.left;
 }
 
 // Takes 'node' itself out of 'tree' and zeroes it; false when its key doesn't lead to it there.

@@ -9,7 +9,6 @@
 #include <array>
 
 #include "containers/qel_avl.hpp"
-#include "core/qel_prefetch.hpp"
 
 namespace qel::avl {
 namespace {
@@ -29,18 +28,17 @@ Node* outermost(Node* node) {
 // The node nearest to 'current' by key at 'side'.
 template <int side>
 Node* neighbour(const qel_avl& tree, const Node& current) {
-    constexpr int kStillThisSide = side > 0 ? QEL_AVL_AFTER : QEL_AVL_BEFORE;
+    constexpr int kOnThisSide = side > 0 ? QEL_AVL_AFTER : QEL_AVL_BEFORE;
     Node* candidate = nullptr;
     for (Node* node = tree.root; node != nullptr;) {
-        want_to_read(node->left);
-        want_to_read(node->right);
+        want_children(*node);
         const int order = tree.compare(node, &current);
-        if (order != QEL_AVL_BEFORE && order != QEL_AVL_AFTER) {
+        if (is_equal(order)) {
             Node* nearer = outermost<-side>(child<side>(*node));
             return nearer != nullptr ? nearer : candidate;
         }
-        if (order == kStillThisSide) candidate = node;
-        node = order == QEL_AVL_BEFORE ? node->right : node->left;
+        if (order == kOnThisSide) candidate = node;
+        node = way_on(*node, order);
     }
     return candidate;
 }
