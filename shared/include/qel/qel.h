@@ -26,6 +26,7 @@
 #include <qel/ppm.h>
 #include <qel/ptimer.h>
 #include <qel/queue.h>
+#include <qel/rbtree.h>
 #include <qel/ring.h>
 #include <qel/sep.h>
 #include <qel/shm.h>
