@@ -42,9 +42,12 @@ inline bool is_equal(int order) {
     return order != QEL_AVL_BEFORE && order != QEL_AVL_AFTER;
 }
 
-// The link to follow after a comparison of 'node' with the goal that didn't find them equal.
+// The link to follow after a comparison of 'node' with the goal that didn't find them equal. The links are
+// indexed with the result: a choice between them would be compiled to a jump.
+static_assert(offsetof(Node, left) == QEL_AVL_AFTER * sizeof(Node*) &&
+              offsetof(Node, right) == QEL_AVL_BEFORE * sizeof(Node*));
 inline Node*& way_on(Node& node, int order) {
-    return order == QEL_AVL_BEFORE ? node.right : node.left;
+    return reinterpret_cast<Node**>(&node)[order];
 }
 
 // Takes 'node' itself out of 'tree' and zeroes it; false when its key doesn't lead to it there.
