@@ -14,6 +14,7 @@
 #include <qel/dm_watched.h>
 #include <qel/dt.h>
 #include <qel/dt_buffer.h>
+#include <qel/dt_dump.h>
 #include <qel/hash.h>
 #include <qel/idm.h>
 #include <qel/ipc.h>

@@ -12,11 +12,11 @@
 #include <array>
 #include <cstdio>
 
+#include "dump/qel_dump.hpp"
 #include "ipc/qel_ipc_channel.hpp"
 #include "ipc/qel_ipc_dump.hpp"
 #include "ipc/qel_ipc_inspect.hpp"
 #include "ipc/qel_ring_words.hpp"
-#include "trace/qel_trace_print.hpp"
 
 namespace qel {
 namespace {
@@ -38,7 +38,7 @@ struct BufferChoice {
 };
 
 cerrno show_buffer(const char* name) {
-    int error = print_buffer(name);
+    int error = dump::print_buffer(name);
     return error == 0 ? 0 : fatal(error);
 }
 

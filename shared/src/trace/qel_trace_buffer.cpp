@@ -99,6 +99,12 @@ void close_handle(qel_dt_buffer_handle& handle) {
 
 }  // namespace
 
+int buffer_open(const char* name, std::uint32_t wait_ms, qel_dt_buffer_handle* out) {
+    if (out == nullptr || !valid_name(name)) return EINVAL;
+    return make_handle(name, out,
+                       [&](BufferSegment& segment) { return segment_attach(name, wait_ms, segment); });
+}
+
 bool stale_trace_passes(qel_dt_buffer_handle buffer, std::uint32_t level) {
     std::uint32_t highest = QEL_DT_LEVEL_DEBUG;
     return qel_dt_buffer_get_level(buffer, &highest) == 0 && level <= highest;
@@ -121,9 +127,7 @@ int qel_dt_buffer_init(qel_dt_buffer_handle* out, const char* name, uint32_t, ui
 }
 
 int qel_dt_buffer_open(qel_dt_buffer_handle* out, const char* name) {
-    if (out == nullptr || !valid_name(name)) return EINVAL;
-    return make_handle(name, out,
-                       [&](BufferSegment& segment) { return segment_attach(name, kNoLimit, segment); });
+    return buffer_open(name, kNoLimit, out);
 }
 
 int qel_dt_buffer_close(qel_dt_buffer_handle* buffer) {

@@ -78,6 +78,9 @@ inline constexpr std::uint32_t kCreationLimitMs = 1000;
 int segment_open(const char* name, std::uint32_t flags, const BufferSettings& settings, BufferSegment& out);
 int segment_attach(const char* name, std::uint32_t wait_ms, BufferSegment& out);
 void segment_close(BufferSegment& segment);
+
+// As qel_dt_buffer_open(), waiting at most 'wait_ms' for a creator that hasn't finished the buffer.
+int buffer_open(const char* name, std::uint32_t wait_ms, qel_dt_buffer_handle* out);
 int segment_unlink(const char* name);
 
 // True if the header still is what was checked when 'segment' was attached.

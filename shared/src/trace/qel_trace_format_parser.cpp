@@ -3,7 +3,7 @@
 // A conversion is flags and width, a length, a letter, and perhaps a tag behind it, as in "%p{mac}": the
 // address that the argument points at is stored, not the pointer. What the trace can't store, as "*", "$",
 // "L", floating point or "n", is refused with the letter that it leads to, since nothing but the letters of
-// number_letters and the five below ends a conversion.
+// argument_type() ends a conversion.
 //
 // Threads: pure functions.
 #include <qel/dt_buffer.h>
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "trace/qel_trace_format.hpp"
+#include "trace/qel_trace_conversion.hpp"
 
 namespace qel {
 
@@ -31,12 +31,40 @@ constexpr std::array<Tag, 3> kTags{{{"{ipv4}", ArgumentType::ipv4_value},
 constexpr std::array<std::uint8_t, 8> kFixedBytes{0, 4, 8, 0, 0, 0, 0, 4};
 
 constexpr std::string_view kFlagsAndWidth = " #'+-.0123456789";
+constexpr std::array<std::string_view, 7> kLengths{"ll", "l", "hh", "h", "j", "t", "z"};
 constexpr std::string_view kTruncated = "<truncated>";
 
-ArgumentType tag_at(std::string_view text) {
-    for (const Tag& tag : kTags)
-        if (text.starts_with(tag.text)) return tag.type;
-    return ArgumentType::none;
+std::string_view take_front(std::string_view& rest, std::size_t size) {
+    std::string_view front = rest.substr(0, size);
+    rest.remove_prefix(front.size());
+    return front;
+}
+
+std::string_view take_length(std::string_view& rest) {
+    for (std::string_view length : kLengths)
+        if (rest.starts_with(length)) return take_front(rest, length.size());
+    return {};
+}
+
+void look_for_tag(std::string_view rest, Conversion& conversion) {
+    for (const Tag& tag : kTags) {
+        if (!rest.starts_with(tag.text)) continue;
+        conversion.tag = tag.type;
+        conversion.tag_size = tag.text.size();
+    }
+}
+
+ArgumentType extended_type(char letter) {
+    switch (letter) {
+    case 'P':
+        return ArgumentType::ipv6_pointer;
+    case 'e':
+        return ArgumentType::mac_pointer;
+    case 'i':
+        return ArgumentType::ipv4_value;
+    default:
+        return ArgumentType::none;
+    }
 }
 
 class FormatParser {
@@ -49,17 +77,7 @@ class FormatParser {
     std::uint32_t argument_count() const { return count_; }
 
   private:
-    bool parse_conversion();
-    ArgumentType parse_length();
-    ArgumentType type_of(char letter, ArgumentType number) const;
-    ArgumentType type_of_extended(char letter) const;
     void add(ArgumentType type);
-    char next() const { return rest_.empty() ? '\0' : rest_.front(); }
-    bool skip(char c) {
-        if (next() != c) return false;
-        rest_.remove_prefix(1);
-        return true;
-    }
 
     std::string_view rest_;
     qel_dt_tp_entry& record_;
@@ -72,71 +90,11 @@ bool FormatParser::parse() {
         std::size_t percent = rest_.find('%');
         if (percent == rest_.npos) return true;
         rest_.remove_prefix(percent + 1);
-        if (!parse_conversion()) return false;
-    }
-}
-
-bool FormatParser::parse_conversion() {
-    rest_.remove_prefix(std::min(rest_.find_first_not_of(kFlagsAndWidth), rest_.size()));
-    ArgumentType number = parse_length();
-    char letter = next();
-    if (letter == '\0') return false;
-    rest_.remove_prefix(1);
-    if (letter == '%') return true;
-    ArgumentType type = type_of(letter, number);
-    if (type == ArgumentType::none) return false;
-    add(type);
-    return true;
-}
-
-// Only 'l' makes a number longer; the lengths that say less are passed over.
-ArgumentType FormatParser::parse_length() {
-    if (skip('l')) {
-        skip('l');
-        return ArgumentType::word64;
-    }
-    if (skip('h')) {
-        skip('h');
-    } else {
-        static_cast<void>(skip('j') || skip('t') || skip('z'));
-    }
-    return ArgumentType::word32;
-}
-
-// 'rest_' begins behind the letter, where a tag may stand.
-ArgumentType FormatParser::type_of(char letter, ArgumentType number) const {
-    const ArgumentType tag = tag_at(rest_);
-    if (ArgumentType type = type_of_extended(letter); type != ArgumentType::none) return type;
-    switch (letter) {
-    case 's':
-        return ArgumentType::string;
-    case 'p':
-        if (tag == ArgumentType::none) return ArgumentType::word64;
-        return tag == ArgumentType::ipv4_value ? ArgumentType::ipv4_pointer : tag;
-    case 'u':
-    case 'i':
-        return tag == ArgumentType::ipv4_value ? tag : number;
-    case 'd':
-    case 'o':
-    case 'x':
-    case 'X':
-        return number;
-    default:
-        return ArgumentType::none;
-    }
-}
-
-ArgumentType FormatParser::type_of_extended(char letter) const {
-    if (!extended_) return ArgumentType::none;
-    switch (letter) {
-    case 'P':
-        return ArgumentType::ipv6_pointer;
-    case 'e':
-        return ArgumentType::mac_pointer;
-    case 'i':
-        return ArgumentType::ipv4_value;
-    default:
-        return ArgumentType::none;
+        const Conversion conversion = take_conversion(rest_);
+        if (conversion.letter == '%') continue;
+        const ArgumentType type = argument_type(conversion, extended_);
+        if (type == ArgumentType::none) return false;
+        add(type);
     }
 }
 
@@ -161,6 +119,42 @@ void copy_format(qel_dt_tp_entry& record, const char* format) {
 }
 
 }  // namespace
+
+Conversion take_conversion(std::string_view& rest) {
+    Conversion conversion{};
+    conversion.flags = take_front(rest, std::min(rest.find_first_not_of(kFlagsAndWidth), rest.size()));
+    conversion.length = take_length(rest);
+    if (rest.empty()) return conversion;
+    conversion.letter = rest.front();
+    rest.remove_prefix(1);
+    look_for_tag(rest, conversion);
+    return conversion;
+}
+
+// Only "l" makes a number longer; the lengths that say less are passed over.
+ArgumentType argument_type(const Conversion& conversion, bool extended) {
+    const ArgumentType number =
+        conversion.length.starts_with('l') ? ArgumentType::word64 : ArgumentType::word32;
+    if (ArgumentType type = extended_type(conversion.letter); extended && type != ArgumentType::none)
+        return type;
+    switch (conversion.letter) {
+    case 's':
+        return ArgumentType::string;
+    case 'p':
+        if (conversion.tag == ArgumentType::none) return ArgumentType::word64;
+        return conversion.tag == ArgumentType::ipv4_value ? ArgumentType::ipv4_pointer : conversion.tag;
+    case 'u':
+    case 'i':
+        return conversion.tag == ArgumentType::ipv4_value ? conversion.tag : number;
+    case 'd':
+    case 'o':
+    case 'x':
+    case 'X':
+        return number;
+    default:
+        return ArgumentType::none;
+    }
+}
 
 }  // namespace qel
 
