@@ -19,7 +19,6 @@ TEST(DumpFailure, each_failing_allocation_gives_nothing_and_leaves_nothing_behin
         EXPECT_EQ(qel_dt_buffer_mst_destroy(merged), allocation_failed ? 22 : 0);
         EXPECT_EQ(mapping_count("low."), mappings);
     };
-    init();  // makes the common buffers
     EXPECT_GE(fail_each_allocation(init), 5);
 }
 

@@ -226,13 +226,19 @@ TEST(Dump, under_full_load_ends_and_gives_whole_entries_only) {
     };
     auto deadline = std::chrono::steady_clock::now() + 1s;
     Merged merged{{"loaded"}};
+    uint64_t changes = 0, fruitful = 0, seen = 0;
     do {
         for (const std::string& text : messages("loaded", false)) check(text);
         for (const std::string& text : messages("loaded", true)) check(text);
-        for (const std::string& text : merged.next())
+        const uint64_t count = attributes(buffer).count;
+        changes += std::exchange(seen, count) != count;
+        const Texts news = merged.next();
+        fruitful += !news.empty();
+        for (const std::string& text : news)
             if (text.starts_with("loaded: ")) check(text.substr(8));
     } while (std::chrono::steady_clock::now() < deadline);
     done = true;
     for (std::thread& writer : writers) writer.join();
     for (const std::string& text : messages("loaded")) check(text);
+    EXPECT_GT(fruitful, changes / 2);
 }

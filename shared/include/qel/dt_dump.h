@@ -111,7 +111,8 @@ QEL_API uint32_t qel_dt_dump_file(const char* name, qel_dt_dump_text callback, v
  * order of their numbers.
  *
  * 'limits' may be null for all entries and no word of losses; a null 'callback' takes the entries as read.
- * The handle in 'out' is the caller's and gives what is new later on; with a null 'out' the dump is over.
+ * An entry that its writer hasn't finished is left out. The handle in 'out' is the caller's and gives what is
+ * new later on; with a null 'out' the dump is over.
  *
  * Returns 0; EINVAL for a null list, a count below 1, a null or empty name, one with "/" or over 128
  * characters; ENOMEM; ENOENT if a buffer can't be opened; EBADMSG for a corrupt one. On failure nothing is

@@ -120,7 +120,11 @@ int copy_replacement(Source& source, bool& lost) {
 void copy_news(Source& source, bool& lost) {
     const View live = view_of(source.dump->handle->segment);
     source.fresh = range_between(live, source.next, source.end, lost);
-    stop_at_reserved(live, source.fresh, source);
+    // What is reserved in a whole lap may belong to the next one, which overtakes the reader.
+    if (lost)
+        source.stopper = kNone;
+    else
+        stop_at_reserved(live, source.fresh, source);
     source.dump->copy.refresh(live, source.fresh);
     source.next = cursor_after(live, source.fresh);
     lost |= source.dump->copy.disturbed();
@@ -201,7 +205,7 @@ int collect_all(qel_dt_mst& merged, Owned<Place>& places) {
     for (std::uint32_t i = 0; i < merged.count; ++i) most += used_blocks(merged.sources[i]);
     places = allocate_zeroed<Place>(QEL_MEM_QDT, std::max<std::size_t>(most, 1));
     if (!places) return ENOMEM;
-    if (qel_avl_tree_init(&merged.tree, by_time) != 0) return EFAULT;
+    merged.tree = {nullptr, by_time, 0, 0};  // qel_avl_tree_init() would make buffers; a reader makes none
     Place* free_place = places.get();
     int result = 0;
     for (std::uint32_t i = 0; i < merged.count; ++i)
