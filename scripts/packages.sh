@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The Debian packages that the scripts need, by purpose. The scripts beside it source this file.
 #
-# need GROUP...  installs what is missing of the named groups: build, demo, tool, test, lint, docs, bench. Asks nothing.
+# need GROUP...  installs what is missing of the named groups: build, demo, tool, test, fuzz, lint, docs, bench. Asks nothing.
 # shellcheck disable=SC2034 # need() reads the lists through their names
 
 packages_build="g++ cmake ninja-build"
@@ -9,6 +9,7 @@ packages_tool="libcli11-dev libfmt-dev nlohmann-json3-dev"
 packages_demo="iproute2 gnuplot-nox libuv1-dev libevent-dev pkg-config"
 packages_test="libgtest-dev libgmock-dev pkg-config python3 iproute2 spin"
 packages_lint="clang clang-format git python3"
+packages_fuzz="clang libclang-rt-dev"
 packages_docs="doxygen"
 packages_bench="libbenchmark-dev libboost-dev libqb-dev libuv1-dev libevent-dev libev-dev liblttng-ust-dev lttng-tools libnng-dev libzmq3-dev libfmt-dev pkg-config"
 

@@ -132,7 +132,7 @@ struct Cursor {
 
 enum class BlockState : std::uint8_t { free = 0, reserved = 1, used = 2 };
 
-struct ControlEntry {
+struct alignas(4) ControlEntry {
     std::uint16_t sequence;  // incremented at every change
     BlockState state;
     std::uint8_t blocks;  // of the entry that starts here; 1 for a free block
