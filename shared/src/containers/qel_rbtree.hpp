@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/qel_prefetch.hpp"
+
 namespace qel {
 
 using RbNode = qel_rbtree_node;
@@ -118,6 +120,17 @@ std::uint64_t summary_of(const RbNode& node, Order order) {
     if (node.left != nil()) summary = order.fold(summary, node.left->summary);
     if (node.right != nil()) summary = order.fold(summary, node.right->summary);
     return summary;
+}
+
+// The child to go on to. The links are indexed, as a choice between them would be compiled to a jump that
+// nobody can predict; both children are asked for before the comparison.
+static_assert(offsetof(RbNode, right) == offsetof(RbNode, left) + sizeof(RbNode*));
+inline RbNode* child_at(const RbNode& node, bool right) {
+    return (&node.left)[right];
+}
+inline void want_children(const RbNode& node) {
+    want_to_read(node.left);
+    want_to_read(node.right);
 }
 
 inline RbNode* lowest_below(RbNode* node) {

@@ -13,8 +13,6 @@
 
 #include <utility>
 
-#include "core/qel_prefetch.hpp"
-
 namespace qel {
 namespace {
 
@@ -165,10 +163,12 @@ Place descend(RbTree& tree, const RbNode* node, std::uint64_t key, Order order) 
     for (RbNode* current = tree.root; current != nil();) {
         place.parent = current;
         if (current == node) break;
+        want_children(*current);
         ++current->size;
-        current->summary = order.fold(current->summary, key);
+        if (const std::uint64_t summary = order.fold(current->summary, key); summary != current->summary)
+            current->summary = summary;
         place.goes_left = order.less(key, current->key);
-        current = place.goes_left ? current->left : current->right;
+        current = child_at(*current, !place.goes_left);
     }
     return place;
 }

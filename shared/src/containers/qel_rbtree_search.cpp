@@ -37,10 +37,11 @@ template <class Order>
 RbNode* search(RbNode* node, std::uint64_t key, Order order, std::uint32_t& visited) {
     while (node != nil()) {
         ++visited;
+        want_children(*node);
         const bool above = order.less(key, node->key);
         if (!above && !order.less(node->key, key)) [[unlikely]]
             return preferred(node, key, order);
-        node = above ? node->left : node->right;
+        node = child_at(*node, !above);
     }
     return nullptr;
 }
