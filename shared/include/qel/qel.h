@@ -28,6 +28,7 @@
 #include <qel/ptimer.h>
 #include <qel/queue.h>
 #include <qel/rbtree.h>
+#include <qel/rdx.h>
 #include <qel/ring.h>
 #include <qel/sep.h>
 #include <qel/shm.h>
