@@ -1,8 +1,9 @@
 // Radix tree: a binary trie in which a node stands only where keys part or an entry is.
 //
 // This file has the attributes and the tree itself. The others: qel_rdx_key.hpp keys as numbers,
-// qel_rdx_node.cpp nodes and the records that they share, qel_rdx_update.cpp changes, qel_rdx_search.cpp
-// lookups, qel_rdx_order.cpp neighbours, qel_rdx_walk.cpp walks.
+// qel_rdx_node.cpp nodes and the records that they share, qel_rdx_index.cpp ways past the nodes at the top,
+// qel_rdx_update.cpp changes, qel_rdx_search.cpp lookups, qel_rdx_order.cpp neighbours, qel_rdx_walk.cpp
+// walks.
 //
 // Invariant: a node's 'bit' is above its parent's; each node but the root has an entry, two children, or
 // a walk in it. So the tree has under two nodes an entry.
@@ -58,6 +59,7 @@ bool is_usable(const qel_rdx_attr& attr) {
 }
 
 void close_aux(Aux* aux) {
+    close_index(aux->index);
     static_cast<void>(qel_mem_chunk_destroy(aux->pool));  // 1: all nodes are back
     qel_named_free(aux);
 }
@@ -159,6 +161,7 @@ cerrno qel_rdx_tree_create(qel_rdx_tree** tree, const qel_rdx_attr* attr) {
     made->root = qel::rdx::make_node(*made, {}, 0);
     if (made->root == nullptr) return qel::fatal(ENOMEM);
     made->root->flags = QEL_RDX_NODE_ROOT;
+    index_linked(aux.get()->index, *made->root);
     made->keylen = wanted.keylen;
     made->key_bytes = static_cast<uint8_t>(wanted.keylen / 8);
     made->aux_destructor = aux.get()->aux_destructor;

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "containers/qel_rdx_index.hpp"
 #include "containers/qel_rdx_key.hpp"
 
 // The allocation record: where a tree's nodes come from and who is told of records that go.
@@ -17,6 +18,7 @@ struct qel_rdx_aux {
     void* (*take_node)(qel_mem_chunk* pool);
     int (*free_node)(qel_mem_chunk* pool, void* node);
     qel_rdx_aux_destructor aux_destructor;
+    qel::rdx::Index index;
 };
 
 namespace qel::rdx {
@@ -76,6 +78,26 @@ inline std::uint32_t agreement(const Node& node, Key key) {
 inline bool agrees_at_first(const Node& node, std::uint32_t first_of_key) {
     std::uint64_t difference = node.first_key_bits ^ first_of_key;
     return difference >> (kFirstBits - std::min(node.bit, kFirstBits)) == 0;
+}
+
+// Where the way down to a prefix begins: at the narrowest place around it that the index tells.
+struct Start {
+    Node* below;  // the place's top node, null without any
+    Node* node;   // the same, or else the top node of the narrowest place that has one
+    Node* cover;  // the longest entry around the place; or null
+};
+inline Start start_of(const Tree& tree, Key key, std::uint32_t length) {
+    Start start{tree.root, tree.root, nullptr};
+    Lead lead = tree.aux->index.whole;
+    for (std::uint32_t depth = 0; lead.is_table(); depth += kIndexBits) {
+        IndexTable& table = *lead.table();
+        if (depth + kIndexBits > length) return {table.top, table.top, start.cover};
+        const IndexSlot& slot = table.slot_of(depth, first_bits(key));
+        if (slot.cover != nullptr) start.cover = slot.cover;
+        lead = slot.below;
+        if (lead.is_nothing()) return {nullptr, table.top, start.cover};
+    }
+    return {lead.node(), lead.node(), start.cover};
 }
 
 // Where a prefix meets the tree: 'node' is the first on its way that doesn't lead on, since

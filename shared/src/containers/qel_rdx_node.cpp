@@ -71,12 +71,14 @@ void enter(Node& node, Record* record, void* user_data, Departed& departed) {
     exchange(&node, record, departed);
     node.flags = (node.flags | QEL_RDX_NODE_ENTRY) & ~QEL_RDX_NODE_DELETE_PENDING;
     node.user_data = user_data;
+    index_entered(node.aux->index, node);
 }
 
 void withdraw(Node& node, Departed& departed) {
     node.info->node = nullptr;
     node.flags &= ~QEL_RDX_NODE_ENTRY;
     node.user_data = nullptr;
+    index_withdrawn(node.aux->index, node);
     settle(&node, departed);
 }
 
@@ -93,6 +95,7 @@ void settle(Node* node, Departed& departed) {
         }
         Node* parent = node->parent;
         Node* next = node->left != nullptr ? node->left : node->right;
+        index_unlinking(node->aux->index, *node, next);
         replace_node(*node, next);
         departed.release(node->info);
         free_node(node);

@@ -14,8 +14,9 @@ namespace {
 
 // The last entry on the key's way down that agrees in the first word, or null.
 const Node* last_on_way(const Tree& tree, Key key, std::uint32_t length) {
-    const Node* node = tree.root;
-    const Node* last = nullptr;
+    Start start = start_of(tree, key, length);
+    const Node* node = start.below;
+    const Node* last = start.cover;
     std::uint32_t first_of_key = first_bits(key);
     while (node != nullptr && node->bit <= length && agrees_at_first(*node, first_of_key)) {
         if (is_entry(*node)) last = node;
@@ -34,7 +35,7 @@ const Node* longest_match(const Tree& tree, Key key, std::uint32_t length) {
 }
 
 const Node* exact_match(const Tree& tree, Key key, std::uint32_t length) {
-    const Node* node = tree.root;
+    const Node* node = start_of(tree, key, length).below;
     while (node != nullptr && node->bit < length) node = child(*node, key_testbit(key, node->bit));
     if (node == nullptr || node->bit != length || !is_entry(*node)) return nullptr;
     return agreement(*node, key) >= length ? node : nullptr;

@@ -29,11 +29,17 @@ void attach(Node& node, Node& below, bool side) {
 }
 
 // Puts 'above' in the node's place, the node under it, and lets it borrow the node's record.
-void put_above(Node& above, Node& node, bool side) {
+void put_above(const Tree& tree, Node& above, Node& node, bool side) {
     replace_node(node, &above);
     attach(above, node, side);
     above.info = node.info;
     ++above.info->refcount;
+    index_linked(tree.aux->index, above);
+}
+
+void put_below(const Tree& tree, Node& leaf, Node& node, bool side) {
+    attach(node, leaf, side);
+    index_linked(tree.aux->index, leaf);
 }
 
 // A leaf beside the node that was met, and the glue above both.
@@ -46,8 +52,8 @@ Node* fork(const Tree& tree, Meeting met, Key key, std::uint32_t length) {
         return nullptr;
     }
     bool side = key_testbit(key, met.agreed);
-    put_above(*glue, *met.node, !side);
-    attach(*glue, *leaf, side);
+    put_above(tree, *glue, *met.node, !side);
+    put_below(tree, *leaf, *glue, side);
     return leaf;
 }
 
@@ -58,9 +64,9 @@ Node* place_for(const Tree& tree, Meeting met, Key key, std::uint32_t length) {
     Node* made = make_node(tree, key, length);
     if (made == nullptr) return nullptr;
     if (met.node->bit > length)
-        put_above(*made, *met.node, node_testbit(*met.node, length));
+        put_above(tree, *made, *met.node, node_testbit(*met.node, length));
     else
-        attach(*met.node, *made, key_testbit(key, met.node->bit));
+        put_below(tree, *made, *met.node, key_testbit(key, met.node->bit));
     return made;
 }
 
@@ -79,7 +85,8 @@ cerrno insert_at(Tree& tree, Meeting met, const std::uint8_t* bytes, std::uint32
 }  // namespace
 
 Meeting meet(const Tree& tree, Key key, std::uint32_t length) {
-    Node* node = tree.root;
+    Node* const top = start_of(tree, key, length).node;
+    Node* node = top;
     while (node->bit < length && agrees_at_first(*node, first_bits(key))) {
         Node* next = child(*node, key_testbit(key, node->bit));
         if (next == nullptr) break;
@@ -87,7 +94,7 @@ Meeting meet(const Tree& tree, Key key, std::uint32_t length) {
     }
     std::uint32_t agreed = std::min({agreement(*node, key), node->bit, length});
     // The way down looked at the first word only: the keys may have parted further up.
-    while (node->parent != nullptr && node->parent->bit > agreed) node = node->parent;
+    while (node != top && node->parent->bit > agreed) node = node->parent;
     return {node, agreed};
 }
 
