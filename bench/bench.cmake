@@ -27,3 +27,7 @@ qel_bench_peers(ipc_bench libqb libzmq fmt)
 # nng has no pkg-config file, and its CMake package belongs to the static library.
 find_library(QEL_NNG nng REQUIRED)
 target_link_libraries(ipc_bench PRIVATE ${QEL_NNG} rt)
+qel_bench_peers(rdx_bench libdpdk)
+if(TARGET PkgConfig::libdpdk)
+    target_compile_definitions(rdx_bench PRIVATE QEL_BENCH_DPDK)
+endif()
