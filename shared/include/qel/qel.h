@@ -29,6 +29,7 @@
 #include <qel/queue.h>
 #include <qel/rbtree.h>
 #include <qel/rdx.h>
+#include <qel/reg.h>
 #include <qel/ring.h>
 #include <qel/sep.h>
 #include <qel/shm.h>
