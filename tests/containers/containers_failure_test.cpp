@@ -2,8 +2,10 @@
 #include "support/failing.hpp"
 #include "support/support.hpp"
 
+#include <qel/bitlist.h>
 #include <qel/hash.h>
 #include <qel/list.h>
+#include <qel/reg.h>
 #include <qel/wavl.h>
 
 #include <array>
@@ -119,4 +121,22 @@ TEST(ContainerFailure, wrapped_trees_are_all_made_or_none) {
         EXPECT_EQ(qel_test::fail_each_allocation(make_and_end), 3);
         EXPECT_EQ(blocks_out, 0);
     }
+}
+
+TEST(ContainerFailure, bit_lists_and_callbacks_without_memory_leave_all_as_it_was) {
+    uint32_t memory[QEL_BITLIST_WORDS(33)];
+    auto* source = reinterpret_cast<qel_bitlist*>(memory);
+    ASSERT_EQ(qel_bitlist_setall_d(source, 33, 0), 0u);
+    qel_queue queue{};
+    EXPECT_EQ(qel_test::fail_each_allocation([&] {
+                  qel_bitlist* clone = source;
+                  const cerrno error = qel_bitlist_clone(source, 1, &clone);
+                  EXPECT_EQ(error, clone == source ? 0xa0000016 : 0u);
+                  if (clone != source) qel_bitlist_free(clone);
+                  if (error != 0) return;
+                  const int refused = qel_reg_add_list(&queue, [] {});
+                  EXPECT_EQ(refused, qel_queue_empty(&queue) != 0 ? ENOMEM : 0);
+              }),
+              2);
+    EXPECT_EQ(qel_reg_delete_list(&queue, static_cast<qel_reg_entry*>(queue.head)->function), 0);
 }

@@ -6,6 +6,7 @@
 #include <qel/atomic.h>
 #include <qel/avl.h>
 #include <qel/base.h>
+#include <qel/bitlist.h>
 #include <qel/cerrno.h>
 #include <qel/clock_change.h>
 #include <qel/dm.h>
