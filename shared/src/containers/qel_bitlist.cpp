@@ -38,8 +38,14 @@ constexpr std::uint32_t bit_of(const qel_bitlist& list, std::uint32_t value) {
     return 1u << (value - list.base) % kWordBits;
 }
 
-}  // namespace
+// The offset behind the cursor. Behind bit 31 of word 0xffffffff it is 0.
+std::uint64_t behind_cursor(const qel_bitlist& list) {
+    constexpr std::uint64_t wrap = std::uint64_t{kWordBits} << 32;
+    const std::uint32_t bit = std::min(list.cursor_bit, kWordBits - 1);
+    return (std::uint64_t{list.cursor_word} * kWordBits + bit + 1) % wrap;
+}
 
+}  // namespace
 }  // namespace qel
 
 using namespace qel;
@@ -131,13 +137,7 @@ cerrno qel_bitlist_clearall_d(qel_bitlist* list, uint32_t size, uint32_t base) {
 
 uint32_t qel_bitlist_find_bit(qel_bitlist* list, bool from_start) {
     if (list == nullptr) return QEL_BITLIST_NONE;
-    std::uint64_t from = 0;
-    if (!from_start) {
-        // In 32 bits: the word before the first is 0xffffffff.
-        const bool last = list->cursor_bit >= kWordBits - 1;
-        const std::uint32_t word = last ? list->cursor_word + 1 : list->cursor_word;
-        from = std::uint64_t{word} * kWordBits + (last ? 0 : list->cursor_bit + 1);
-    }
+    const std::uint64_t from = from_start ? 0 : behind_cursor(*list);
     const std::uint64_t found = bitlist_search<Bit::set>(*list, from);
     const auto word = static_cast<std::uint32_t>(found / kWordBits);
     if (word >= bitlist_word_count(list->size)) return QEL_BITLIST_NONE;

@@ -54,7 +54,8 @@ template <Bit kind>
 std::uint64_t bits_from(std::span<const std::uint32_t> words, std::size_t index) {
     constexpr auto flip = static_cast<std::uint64_t>(kind);
     if (index + 1 == words.size()) return words[index] ^ static_cast<std::uint32_t>(flip);
-    return (words[index] | std::uint64_t{words[index + 1]} << kWordBits) ^ flip;
+    const std::uint64_t pair = load_pair(&words[index]);
+    return (std::endian::native == std::endian::big ? std::rotl(pair, kWordBits) : pair) ^ flip;
 }
 
 // The offset of the first bit of the kind at or behind 'offset'. It may lie past 'size' in the last word; 32
