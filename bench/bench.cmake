@@ -31,3 +31,6 @@ qel_bench_peers(rdx_bench libdpdk)
 if(TARGET PkgConfig::libdpdk)
     target_compile_definitions(rdx_bench PRIVATE QEL_BENCH_DPDK)
 endif()
+# Judy has no pkg-config file either; uthash is a header.
+find_library(QEL_JUDY Judy REQUIRED)
+target_link_libraries(tree_bench PRIVATE ${QEL_JUDY})

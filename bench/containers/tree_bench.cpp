@@ -2,12 +2,15 @@
 // it?
 //
 // Beside Boost.Intrusive's avl_set, see tree_load.hpp. Its nodes have a link to their parent, ours haven't;
-// its comparisons are inlined, ours are calls.
+// its comparisons are inlined, ours are calls. And beside what keeps no balance: uthash, a hash table without
+// an order, and Judy, a digital tree in order that allocates what it holds.
 #include "containers/tree_load.hpp"
 
 #include <qel/avl.h>
 
+#include <Judy.h>
 #include <boost/intrusive/avl_set.hpp>
+#include <uthash.h>
 
 namespace {
 
@@ -74,11 +77,79 @@ template <class Record>
 using Set = intrusive::avl_set<Record, intrusive::base_hook<Hook>>;
 using Boost = qel_bench::BoostTree<Hook, Set>;
 
+class Uthash {
+  public:
+    explicit Uthash(std::size_t count) : records_(count) {
+        for (std::size_t i = 0; i < count; ++i) records_[i].key = scattered(i);
+    }
+    ~Uthash() { empty(); }
+    void empty() { HASH_CLEAR(hh, head_); }
+    void fill() {
+        for (Record& record : records_) HASH_ADD(hh, head_, key, sizeof record.key, &record);
+    }
+    void find(const Order& order) {
+        for (std::uint32_t index : order) benchmark::DoNotOptimize(find(scattered(index)));
+    }
+    void remove(const Order& order) {
+        for (std::uint32_t index : order) HASH_DELETE(hh, head_, find(scattered(index)));
+    }
+
+  private:
+    struct Record {
+        std::uint64_t key;
+        UT_hash_handle hh;
+    };
+    Record* find(std::uint64_t key) {
+        Record* found = nullptr;
+        HASH_FIND(hh, head_, &key, sizeof key, found);
+        return found;
+    }
+
+    std::vector<Record> records_;
+    Record* head_ = nullptr;
+};
+
+class Judy {
+  public:
+    explicit Judy(std::size_t count) : count_(count) {}
+    ~Judy() { empty(); }
+    void empty() { (void)JudyLFreeArray(&array_, nullptr); }
+    void fill() {
+        for (std::size_t i = 0; i < count_; ++i)
+            *static_cast<void**>(JudyLIns(&array_, scattered(i), nullptr)) = this;
+    }
+    void find(const Order& order) {
+        for (std::uint32_t index : order)
+            benchmark::DoNotOptimize(JudyLGet(array_, scattered(index), nullptr));
+    }
+    void remove(const Order& order) {
+        for (std::uint32_t index : order) (void)JudyLDel(&array_, scattered(index), nullptr);
+    }
+    void walk() {
+        Word_t key = 0, sum = 0;
+        for (void* value = JudyLFirst(array_, &key, nullptr); value != nullptr;
+             value = JudyLNext(array_, &key, nullptr))
+            sum += key;
+        benchmark::DoNotOptimize(sum);
+    }
+
+  private:
+    std::size_t count_;
+    Pvoid_t array_ = nullptr;
+};
+
 using namespace qel_bench;
 BENCHMARK(compare_trees<Insert, Ours, Boost>)->Name("avl_insert_beside_boost")->Apply(tree_sizes);
 BENCHMARK(compare_trees<Search, Ours, Boost>)->Name("avl_search_beside_boost")->Apply(tree_sizes);
 BENCHMARK(compare_trees<Delete, Ours, Boost>)->Name("avl_delete_beside_boost")->Apply(tree_sizes);
 BENCHMARK(compare_trees<Walk, Ours, Boost>)->Name("avl_walk_beside_boost")->Apply(tree_sizes);
+BENCHMARK(compare_trees<Insert, Ours, Uthash>)->Name("avl_insert_beside_uthash")->Apply(tree_sizes);
+BENCHMARK(compare_trees<Search, Ours, Uthash>)->Name("avl_search_beside_uthash")->Apply(tree_sizes);
+BENCHMARK(compare_trees<Delete, Ours, Uthash>)->Name("avl_delete_beside_uthash")->Apply(tree_sizes);
+BENCHMARK(compare_trees<Insert, Ours, Judy>)->Name("avl_insert_beside_judy")->Apply(tree_sizes);
+BENCHMARK(compare_trees<Search, Ours, Judy>)->Name("avl_search_beside_judy")->Apply(tree_sizes);
+BENCHMARK(compare_trees<Delete, Ours, Judy>)->Name("avl_delete_beside_judy")->Apply(tree_sizes);
+BENCHMARK(compare_trees<Walk, Ours, Judy>)->Name("avl_walk_beside_judy")->Apply(tree_sizes);
 
 }  // namespace
 
