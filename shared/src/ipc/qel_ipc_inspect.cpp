@@ -41,21 +41,6 @@ namespace {
 
 constexpr int kHeaderLooks = 100;
 
-struct OpenObject {
-    Fd object;
-    std::uint64_t size = 0;
-};
-
-int open_named(const char* name, OpenObject& out) {
-    ShmPath path;
-    shm_platform::Status status;
-    if (int error = build_path(name, path); error != 0) return error;
-    if (int error = shm_platform::open_object_to_read(path.text, out.object); error != 0) return error;
-    if (int error = shm_platform::inspect(out.object, status); error != 0) return error;
-    out.size = status.size;
-    return 0;
-}
-
 bool is_channel(const IpcHeader& header) {
     return header.magic == HeaderMagic::ready || header.magic == HeaderMagic::claimed;
 }
@@ -67,7 +52,7 @@ bool at_work(const SharedMutex& mutex) {
 }
 
 // Header and index as they are, and of each message its control block.
-int read_parts(const OpenObject& object, const RingSizes& sizes, std::byte* out) {
+int read_parts(const ObjectToRead& object, const RingSizes& sizes, std::byte* out) {
     if (int error = shm_platform::read_object(object.object, 0, {out, sizes.area}); error != 0) return error;
     out += sizes.area;
     for (std::size_t i = 0; i < sizes.messages; ++i, out += sizeof(qel_ring_msg)) {
@@ -79,9 +64,9 @@ int read_parts(const OpenObject& object, const RingSizes& sizes, std::byte* out)
 }
 
 bool unchanged_ring(const IpcHeader& header, const qel_ring& ring) {
-    OpenObject object;
+    ObjectToRead object;
     std::byte now[sizeof(RingHeader)];
-    return open_named(ring_name(header.name, ring.num).text, object) == 0 &&
+    return open_to_read(ring_name(header.name, ring.num).text, object) == 0 &&
            shm_platform::read_object(object.object, 0, now) == 0 &&
            std::memcmp(now, ring.hdr, sizeof now) == 0;
 }
@@ -126,8 +111,8 @@ std::uint32_t lock_holder(const SharedMutex& mutex) {
 }
 
 int ChannelLook::read_header(const char* name) {
-    OpenObject channel;
-    if (int error = open_named(name, channel); error != 0) return error;
+    ObjectToRead channel;
+    if (int error = open_to_read(name, channel); error != 0) return error;
     if (channel.size != sizeof(IpcHeader)) return EBADF;
     header_settled_ = false;
     if (int error = header_.read(channel.object, name); error != 0) return error;
@@ -150,9 +135,9 @@ int ChannelLook::read(const char* name) {
 
 // Of the heap only its lock, at which all participants wait when its holder has died.
 void ChannelLook::read_heap_lock() {
-    OpenObject heap;
+    ObjectToRead heap;
     std::memset(heap_lock_, 0, sizeof heap_lock_);
-    if (header_->heap_size == 0 || open_named(heap_name(header_->name).text, heap) != 0) return;
+    if (header_->heap_size == 0 || open_to_read(heap_name(header_->name).text, heap) != 0) return;
     std::uint64_t at = QEL_SHM_SAFE_HEADER_SIZE + offsetof(VchunkHeapHeader, lock);
     static_cast<void>(shm_platform::read_object(heap.object, at, heap_lock_));  // Too short: no lock is held.
 }
@@ -165,8 +150,8 @@ int ChannelLook::read_ring(std::uint32_t ep) {
 }
 
 int ChannelLook::copy_ring(std::uint32_t ep, RingCopy& copy) {
-    OpenObject object;
-    if (int error = open_named(ring_name(header_->name, ep).text, object); error != 0) return error;
+    ObjectToRead object;
+    if (int error = open_to_read(ring_name(header_->name, ep).text, object); error != 0) return error;
     RingSizes sizes{*header_, ep};
     if (header_->total_msg == 0 || header_->msg_size > 0xffff || object.size != sizes.in_object())
         return EBADF;
@@ -189,9 +174,9 @@ void ChannelLook::describe_ring(std::byte* start, std::uint32_t ep, const RingSi
 }
 
 bool ChannelLook::unchanged(const char* name) const {
-    OpenObject channel;
+    ObjectToRead channel;
     HeaderCopy now;
-    if (open_named(name, channel) != 0 || now.read(channel.object, name) != 0 || !(now == header_))
+    if (open_to_read(name, channel) != 0 || now.read(channel.object, name) != 0 || !(now == header_))
         return false;
     for (const RingCopy& copy : rings_)
         if (copy.error == 0 && !unchanged_ring(*header_, copy.ring)) return false;

@@ -66,6 +66,16 @@ int build_path(const char* name, ShmPath& out) {
     return qel_shm_path_append(out.text, name, kShmPathSize);
 }
 
+int open_to_read(const char* name, ObjectToRead& out) {
+    ShmPath path;
+    Status status;
+    if (int error = build_path(name, path); error != 0) return error;
+    if (int error = shm_platform::open_object_to_read(path.text, out.object); error != 0) return error;
+    if (int error = shm_platform::inspect(out.object, status); error != 0) return error;
+    out.size = status.size;
+    return 0;
+}
+
 int attach_segment(const ShmPath& path, std::uint32_t size, Segment& out) {
     Fd object;
     Status status;

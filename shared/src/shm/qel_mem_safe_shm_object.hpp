@@ -18,6 +18,13 @@ struct ShmPath {
 // ENAMETOOLONG for a name, or a name with its root, of 128 characters or more.
 int build_path(const char* name, ShmPath& out);
 
+// An object for those who only look: read like a file, never mapped.
+struct ObjectToRead {
+    Fd object;
+    std::uint64_t size = 0;
+};
+int open_to_read(const char* name, ObjectToRead& out);
+
 struct Segment {
     Mapping mapping;
     shm_platform::Identity identity;
