@@ -3,13 +3,10 @@
 
 #include <qel/cerrno.h>
 
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <array>
-#include <filesystem>
 #include <map>
-#include <system_error>
+
+#include "objects.hpp"
+#include "table.hpp"
 
 namespace qel_tool {
 namespace {
@@ -18,8 +15,6 @@ using qel::ChannelLook;
 using qel::EndPointRecord;
 using qel::EndPointState;
 using qel::kMaxEndPoints;
-
-constexpr char kSharedMemory[] = "/dev/shm";
 
 template <class State>
 std::string name_of(const std::map<std::uint32_t, const char*>& names, State state) {
@@ -110,40 +105,6 @@ std::uint64_t sum(const Json& channel, const char* field) {
     return total;
 }
 
-std::string text_of(const Json& value) {
-    if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
-    return printable(value.is_string() ? value.get<std::string>() : value.dump());
-}
-
-struct Column {
-    const char* title;
-    const char* field;
-};
-
-// A row a document, a column a field; each column as wide as its widest text. A row with an error shows that.
-void print_table(const Json& rows, std::initializer_list<Column> columns) {
-    std::vector<std::size_t> widths;
-    for (const Column& column : columns) {
-        std::size_t width = std::string_view{column.title}.size();
-        for (const Json& row : rows)
-            if (row.contains(column.field)) width = std::max(width, text_of(row[column.field]).size());
-        widths.push_back(width);
-    }
-    auto print_row = [&](auto text) {
-        std::string line;
-        std::size_t at = 0;
-        for (const Column& column : columns) line += fmt::format("  {:<{}}", text(column), widths[at++]);
-        fmt::print("{}\n", line.substr(0, line.find_last_not_of(' ') + 1));
-    };
-    print_row([](const Column& column) { return std::string{column.title}; });
-    for (const Json& row : rows) {
-        print_row([&](const Column& column) {
-            return row.contains(column.field) ? text_of(row[column.field]) : std::string{"-"};
-        });
-        if (row.contains("error")) fmt::print("      {}\n", text_of(row["error"]));
-    }
-}
-
 void print_findings(const Json& channel) {
     for (const Json& lock : channel["held_locks"])
         fmt::print("held: {} of end point {} by thread {}{}\n", text_of(lock["lock"]), text_of(lock["ep"]),
@@ -175,20 +136,9 @@ void look_at_header(const std::string& name, ChannelLook& out) {
 }
 
 std::vector<std::string> find_channels(const std::string& root) {
-    std::string prefix = root.starts_with('/') ? root.substr(1) : root;
-    std::vector<std::string> found;
-    std::error_code error;
-    std::filesystem::directory_iterator at{kSharedMemory, error};
-    if (error) throw Unreadable{fmt::format("{}: {}", kSharedMemory, error.message())};
+    std::vector<std::string> found = find_objects(root);
     ChannelLook look;
-    for (; at != std::filesystem::directory_iterator{}; at.increment(error)) {
-        if (error) break;  // The folder changes all the time; what was seen is listed.
-        std::string object = at->path().filename();
-        if (!object.starts_with(prefix)) continue;
-        std::string name = object.substr(prefix.size());
-        if (look.read_header(name.c_str()) == 0) found.push_back(name);
-    }
-    std::sort(found.begin(), found.end());
+    std::erase_if(found, [&](const std::string& name) { return look.read_header(name.c_str()) != 0; });
     return found;
 }
 
