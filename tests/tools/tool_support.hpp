@@ -29,17 +29,20 @@ inline Result shell(const std::string& command) {
     return result;
 }
 
+// The beginning of the tool's command line.
+inline std::string tool() {
+    return std::string{getenv("QEL_TOOL")} + " --root " + shm_root() + " ";
+}
+
 inline Result qel(const std::string& arguments) {
-    return shell(std::string{getenv("QEL_TOOL")} + " --root " + shm_root() + " " + arguments + " 2>&1");
+    return shell(tool() + arguments + " 2>&1");
 }
 
 // A value of the tool's JSON, by a Python expression over the document 'd'.
 inline std::string json(const std::string& arguments, const std::string& expression) {
     std::string python =
         "python3 -c 'import json,sys; d=json.loads(sys.stdin.readline()); print(" + expression + ")'";
-    return shell(std::string{getenv("QEL_TOOL")} + " --root " + shm_root() + " " + arguments + " --json | " +
-                 python)
-        .output;
+    return shell(tool() + arguments + " --json | " + python).output;
 }
 
 }  // namespace qel_test

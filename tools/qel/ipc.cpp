@@ -166,7 +166,9 @@ add_on_channel(CLI::App& family, Run& run, const char* name, const char* about, 
                Exit (*work)(const Run&, const std::string&, const Options&)) {
     auto given = std::make_shared<OnChannel<Options>>();
     command = family.add_subcommand(name, about);
-    command->add_option("NAME", given->name, "The channel's name, without the prefix")->required();
+    command->add_option("NAME", given->name, "The channel's name, without the prefix")
+        ->type_name(kChannel)
+        ->required();
     command->callback([&run, given, work] {
         run.action = [&run, given, work] { return work(run, given->name, given->options); };
     });

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <string_view>
+#include <system_error>
 
 #include "command.hpp"
 
@@ -16,7 +18,7 @@ namespace {
 
 constexpr char kAbout[] = "Looks at what the daemons of this machine keep in shared memory. It takes no lock "
                           "that a dead process may\n"
-                          "hold, so it works on the channels of the dead as well.";
+                          "hold, so it works on what the dead have left as well.";
 constexpr char kFooter[] =
     "Exit codes: 0 fine, 1 something was found wrong, 2 usage, 3 cannot read.\n"
     "Examples:\n"
@@ -24,11 +26,13 @@ constexpr char kFooter[] =
     "  qel ipc show element.keys            one channel in full, checked\n"
     "  qel ipc show element.keys --json     the same for a program\n"
     "  qel ipc level element.keys --trace 1 turns its traces on\n"
+    "  qel trace dump lines.events          what a process, dead or alive, has logged\n"
+    "  qel trace follow lines.events        what processes log now\n"
     "  qel err 0xa0000016                   what a result code means\n"
     "  qel --root test1. ipc ls             channels whose names begin with \"test1.\" in shared memory";
 
 using AddFamily = void (*)(CLI::App& program, Run& run);
-constexpr std::array<AddFamily, 2> kFamilies{add_ipc, add_err};
+constexpr std::array<AddFamily, 3> kFamilies{add_ipc, add_trace, add_err};
 
 Exit fail(const Run& run, const Unreadable& error) {
     if (run.json) print_json({{"error", error.what}});
@@ -44,6 +48,13 @@ Exit act(const Run& run) {
     } catch (const Unreadable& error) {
         return fail(run, error);
     }
+}
+
+// What was printed must have arrived, as on a full disk it hasn't.
+int finish(int code) {
+    if (std::fflush(stdout) == 0) return code;
+    fmt::print(stderr, "qel: can't write to standard output\n");
+    return static_cast<int>(Exit::unreadable);
 }
 
 }  // namespace
@@ -69,6 +80,8 @@ int run_program(int argc, char** argv) {
     program.add_option("--root", run.root, "Prefix of shared-memory names, as the parameter qel.shm.root")
         ->type_name("PREFIX");
     for (AddFamily add : kFamilies) add(program, run);
+    if (argc > 1 && std::string_view{argv[1]} == "complete")
+        return static_cast<int>(complete(program, {argv + 2, argv + argc}));
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -80,5 +93,10 @@ int run_program(int argc, char** argv) {
 }  // namespace qel_tool
 
 int main(int argc, char** argv) {
-    return qel_tool::run_program(argc, argv);
+    try {
+        return qel_tool::finish(qel_tool::run_program(argc, argv));
+    } catch (const std::system_error& error) {  // of a file or pipe that takes no more
+        fmt::print(stderr, "qel: {}\n", error.what());
+        return static_cast<int>(qel_tool::Exit::unreadable);
+    }
 }
