@@ -34,3 +34,11 @@ endif()
 # Judy has no pkg-config file either; uthash is a header.
 find_library(QEL_JUDY Judy REQUIRED)
 target_link_libraries(tree_bench PRIVATE ${QEL_JUDY})
+
+# The load on the command-line tool, which is run as its users do.
+if(TARGET qel_tool)
+    add_dependencies(follow_bench qel_tool)
+    target_compile_definitions(follow_bench PRIVATE QEL_TOOL="$<TARGET_FILE:qel_tool>")
+else()
+    set_target_properties(follow_bench PROPERTIES EXCLUDE_FROM_ALL TRUE)
+endif()
