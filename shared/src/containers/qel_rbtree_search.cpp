@@ -63,7 +63,7 @@ RbNode* first_not_below(RbNode* node, std::uint64_t key, Order order) {
     while (node != nil()) {
         const bool below = order.less(node->key, key);
         if (!below) found = node;
-        node = below ? node->right : node->left;
+        node = child_at(*node, below);
     }
     return found;
 }
@@ -74,7 +74,7 @@ RbNode* last_not_above(RbNode* node, std::uint64_t key, Order order) {
     while (node != nil()) {
         const bool above = order.less(key, node->key);
         if (!above) found = node;
-        node = above ? node->left : node->right;
+        node = child_at(*node, !above);
     }
     return found;
 }

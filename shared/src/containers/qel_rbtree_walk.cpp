@@ -22,13 +22,18 @@ namespace {
 
 constexpr std::uint32_t kAhead = 64;  // nodes asked for at once
 
+// What of a node is asked for: its links and key, or also its size, which is in the next cache line.
+enum class Part { links, all };
+
 // Asks for the subtree 'top' of at most kAhead nodes and gives their number. Whether a child is there enters
 // no branch: a wrong guess would wait for its node.
+template <Part part>
 std::uint32_t fetch_subtree(const RbNode* top) {
     std::array<const RbNode*, 2 * kAhead + 1> nodes{top};
     std::uint32_t count = 1;
     auto add = [&](const RbNode* node) {
         want_to_read(node);
+        if (part == Part::all) want_to_read(&node->size);
         nodes[count] = node;
         count += node != nil();
     };
@@ -40,9 +45,10 @@ std::uint32_t fetch_subtree(const RbNode* top) {
 }
 
 // Asks for the lowest small subtree below 'node'. Gives the number of nodes asked for.
+template <Part part>
 std::uint32_t fetch_ahead(const RbNode* node) {
     while (node->size > kAhead) node = node->left;
-    return node == nil() ? 0 : fetch_subtree(node);
+    return node == nil() ? 0 : fetch_subtree<part>(node);
 }
 
 class InOrder {
@@ -50,7 +56,7 @@ class InOrder {
     InOrder(RbTree& tree, bool protect)
         : tree_(tree), walk_{qel_rbtree_first_node(&tree), tree.walks}, protect_(protect) {
         tree_.walks = &walk_;
-        fetched_ = fetch_ahead(tree_.root);
+        fetched_ = fetch_ahead<Part::links>(tree_.root);
     }
     InOrder(const InOrder&) = delete;
     InOrder& operator=(const InOrder&) = delete;
@@ -64,7 +70,7 @@ class InOrder {
         hold(false);
         current_ = walk_.next;
         if (current_ == nullptr) return nullptr;
-        if (fetched_-- == 0) fetched_ = fetch_ahead(current_->right);
+        if (fetched_-- == 0) fetched_ = fetch_ahead<Part::links>(current_->right);
         walk_.next = current_->next;
         successor_ = walk_.next;
         hold(true);
@@ -117,14 +123,15 @@ using namespace qel;
 
 qel_rbtree_node* qel_rbtree_first_node(qel_rbtree* tree) {
     if (tree == nullptr || tree->root == nil()) return nullptr;
+    (void)fetch_ahead<Part::all>(tree->root);
     return lowest_below(tree->root);
 }
 
 qel_rbtree_node* qel_rbtree_next_node(qel_rbtree_node* node) {
     if (node == nullptr) return nullptr;
-    // The nodes that come soon behind the next one; in a cold tree they arrive while that one is waited for.
-    want_to_read(node->right);
-    want_to_read(node->parent);
+    // A node of more than kAhead comes right ahead of each small subtree in order.
+    if (node->size > kAhead) [[unlikely]]
+        (void)fetch_ahead<Part::all>(node->right);
     return node->next;
 }
 
