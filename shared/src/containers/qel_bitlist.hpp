@@ -27,7 +27,7 @@ inline std::span<const std::uint32_t> bitlist_words(const qel_bitlist& list) {
 }
 
 // The two words from 'words' on, in the order of the machine.
-[[gnu::always_inline]] inline std::uint64_t load_pair(const std::uint32_t* words) {
+inline std::uint64_t load_pair(const std::uint32_t* words) {
     std::uint64_t pair;
     std::memcpy(&pair, words, sizeof pair);
     return pair;
