@@ -318,7 +318,7 @@ TEST(Dispatcher, ten_thousand_lives_under_load_leave_nothing_behind) {
         });
     for (std::thread& maker : makers) maker.join();
     EXPECT_EQ(open_descriptors(), descriptors);
-    EXPECT_TRUE(eventually([&] { return thread_count() == threads; }));
+    EXPECT_TRUE(eventually([&] { return thread_count() <= threads; }));
     EXPECT_EQ(mapping_count("/dev/shm"), mappings);
     EXPECT_EQ(shm_objects().size(), objects);
 }

@@ -235,7 +235,8 @@ TEST_F(SignalEndPoint, stop_is_bounded_under_signals_and_with_a_stuck_handler) {
     }
     enough = true;
     for (std::thread& hammer : hammers) hammer.join();
-    EXPECT_TRUE(eventually([&] { return thread_count() == threads; }));
+    // Fewer if a thread of an earlier test was still ending at the beginning.
+    EXPECT_TRUE(eventually([&] { return thread_count() <= threads; }));
 }
 
 // A failed start leaves nothing, and a job that could not be queued is queued later without another signal.
@@ -284,7 +285,7 @@ TEST_F(SignalEndPoint, scribbled_words_are_errors_or_heal) {
     ASSERT_EQ(start(take, served.handle), 0);
     ASSERT_TRUE(sleeps(*peer));
     table->jobs = 0;
-    table->records[0].sep_flags = qel::kOwnerAwake;
+    std::atomic_ref{table->records[0].sep_flags}.store(qel::kOwnerAwake);
     EXPECT_EQ(qel_sep_signal(&peer, QEL_SEP_INPUT), 0);
     while (table->jobs == 0) served.serve_once();
     EXPECT_EQ(table->records[0].sep_flags, 0u);
