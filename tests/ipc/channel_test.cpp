@@ -256,7 +256,7 @@ TEST(Channel, a_killed_client_comes_back_to_its_messages) {
         ASSERT_EQ(client.ask("alloc 2"), "2");
         server.forget();
         ASSERT_TRUE(is_asleep(block, 1));
-        client.kill();
+        kill_outside_of_locks(client, block);
     }
 }
 
@@ -281,7 +281,7 @@ TEST(Channel, a_killed_server_comes_back_to_its_messages) {
         client.forget();
         Segment block{"phoenix"};
         ASSERT_TRUE(is_asleep(block, 0));
-        server.kill();
+        kill_outside_of_locks(server, block);
         // Nobody is there, but there is room.
         ASSERT_EQ(client.post(5), 0u);
     }
@@ -359,7 +359,7 @@ TEST(Channel, a_synchronous_sender_doesn_t_wait_for_what_a_restart_reclaimed) {
         EXPECT_TRUE(eventually([&] { return client.stats().sent == 2; }));
         Segment block{"lost"};
         ASSERT_TRUE(is_asleep(block, 0));
-        server.kill();
+        kill_outside_of_locks(server, block);
     }
     qel_ipc_attr attr = channel_attr(kServer, 1);
     attr.ext_cs = 1;
@@ -442,8 +442,8 @@ TEST(Channel, both_ends_killed_lose_nothing) {
                 client->ask("alloc 3") == "3");
     Segment block{"storm"};
     ASSERT_TRUE(is_asleep(block, 0) && is_asleep(block, 1));
-    client->kill();
-    server->kill();
+    kill_outside_of_locks(*client, block);
+    kill_outside_of_locks(*server, block);
     client = std::make_unique<PeerProcess>("storm", kClient, 4);
     ASSERT_EQ(client->ask("open"), "0");
     ASSERT_EQ(client->ask("told 800"), "yes");
@@ -465,7 +465,7 @@ TEST(Channel, a_death_inside_a_doorbell_keeps_out_nobody_else) {
     ASSERT_TRUE(server.connected({up(3)}));
     Segment block{"stuck"};
     ASSERT_TRUE(is_asleep(block, 1));
-    client.kill();
+    kill_outside_of_locks(client, block);
     block.at<std::uint32_t>(ep_at(1) + kDoorbellLockAt) = 2u;
     Participant heir{"stuck", channel_attr(kClient, 3)};
     EXPECT_EQ(heir.open(), kTimedOut);
@@ -525,8 +525,8 @@ TEST(Channel, a_block_that_no_server_wrote_is_refused) {
 TEST(Channel, what_a_dead_maker_left_is_made_good) {
     PeerProcess maker{"half", kClient, 1};
     ASSERT_EQ(maker.ask("open"), "0");
-    maker.kill();
     Segment block{"half"};
+    kill_outside_of_locks(maker, block);
     for (std::size_t at = 4; at < block.info.size; at += 4) block.at<std::uint32_t>(at) = 0u;
     block.at<std::uint32_t>(kMagicAt) = 0xdecade00u;
     Participant client{"half", channel_attr(kClient, 2)}, server{"half", channel_attr(kServer, 3)};
@@ -546,8 +546,8 @@ TEST(Channel, a_new_channel_uses_nothing_of_an_old_one) {
         ASSERT_EQ(client.ask("send 5"), "5");
         Segment block{"old"};
         ASSERT_TRUE(is_asleep(block, 0) && is_asleep(block, 1));
-        server.kill();
-        client.kill();
+        kill_outside_of_locks(server, block);
+        kill_outside_of_locks(client, block);
     }
     ASSERT_EQ(unlink(shm_file("old").c_str()), 0);
     Participant server{"old", small}, client{"old", channel_attr(kClient, 2)};

@@ -271,6 +271,12 @@ class PeerProcess {
   public:
     PeerProcess(const std::string& name, std::uint32_t role, std::uint64_t app_id)
         : child_("ipc_peer", {name, std::to_string(role), std::to_string(app_id)}) {}
+    // Lets one that still runs close its channel: killed inside a lock it would hold up the rest of the test.
+    ~PeerProcess() {
+        if (child_.pid() <= 0 || child_.wait(std::chrono::milliseconds{0}) != -1000) return;
+        child_.write_line("");
+        child_.wait(std::chrono::seconds{5});
+    }
     std::string ask(const std::string& command) {
         child_.write_line(command);
         std::string answer = child_.read_line();
@@ -278,6 +284,7 @@ class PeerProcess {
     }
     // At once, wherever it is: perhaps inside a lock, which then stays held.
     void kill() { child_.kill(); }
+    pid_t pid() const { return child_.pid(); }
 
   private:
     Child child_;

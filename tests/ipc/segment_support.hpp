@@ -5,6 +5,9 @@
 
 #include <qel/shm.h>
 
+#include <signal.h>
+#include <sys/wait.h>
+
 namespace qel_test {
 
 // Offsets in the channel's header, and in its heap's segment.
@@ -39,12 +42,33 @@ constexpr std::size_t ep_at(std::size_t ep) {
 constexpr std::size_t kSignalsAt = 12, kDoorbellLockAt = 16;
 constexpr std::size_t kAllocAt = 128, kReservedAt = 132;
 
-// Waits until the end point's owner sleeps with nothing to hear: it holds no lock then.
+// Waits until the end point's owner sleeps with nothing to hear.
 inline bool is_asleep(Segment& block, std::size_t ep) {
     return eventually([&] {
         return block.at<std::uint32_t>(ep_at(ep) + kSignalsAt) == 0 &&
                block.at<std::uint32_t>(ep_at(ep) + kDoorbellLockAt) == 0;
     });
+}
+
+// Kills a process that has the channel open at a moment when nobody has one of its locks: a stopped one is
+// looked at, and goes on for a while if there is one.
+template <class Process>
+void kill_outside_of_locks(Process& process, Segment& block) {
+    constexpr std::size_t kEndPoints = 32;
+    auto locked = [&] {
+        bool any = block.at<std::uint32_t>(kShmMutex) != 0 || block.at<std::uint32_t>(kFcLock) != 0;
+        for (std::size_t ep = 0; ep < kEndPoints; ++ep)
+            any |= block.at<std::uint32_t>(ep_at(ep) + kDoorbellLockAt) != 0;
+        return any;
+    };
+    EXPECT_TRUE(eventually([&] {
+        kill(process.pid(), SIGSTOP);
+        waitpid(process.pid(), nullptr, WUNTRACED);
+        if (!locked()) return true;
+        kill(process.pid(), SIGCONT);
+        return false;
+    }));
+    process.kill();
 }
 
 }  // namespace qel_test
