@@ -496,9 +496,10 @@ TEST(Channel, whoever_wins_the_race_to_open_all_meet) {
 
 TEST(Channel, a_block_that_no_server_wrote_is_refused) {
     {
-        Participant server{"odd", channel_attr(kServer, 1)};
-        ASSERT_EQ(server.open(), 0u);
+        PeerProcess server{"odd", kServer, 1};
+        ASSERT_EQ(server.ask("open"), "0");
         Segment block{"odd"};
+        stop_outside_of_locks(server, block);  // One that runs might look at what is changed here.
         Participant client{"odd", channel_attr(kClient, 2)};
         auto refused_with = [&]<class Word>(std::size_t offset, Word bad) {
             Word good = block.at<Word>(offset);
@@ -513,6 +514,7 @@ TEST(Channel, a_block_that_no_server_wrote_is_refused) {
         refused_with(kMaxEpsAt, std::uint16_t{33});
         refused_with(kMaxEpsAt, std::uint16_t{0});
         refused_with(std::size_t{163}, 'x');
+        kill(server.pid(), SIGCONT);
         EXPECT_EQ(client.open(), 0u);
         qel_ipc_attr other = channel_attr(kServer, 1);
         other.max_msg_count = 65;

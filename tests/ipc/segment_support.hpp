@@ -50,10 +50,10 @@ inline bool is_asleep(Segment& block, std::size_t ep) {
     });
 }
 
-// Kills a process that has the channel open at a moment when nobody has one of its locks: a stopped one is
+// Stops a process that has the channel open at a moment when nobody has one of its locks: a stopped one is
 // looked at, and goes on for a while if there is one.
 template <class Process>
-void kill_outside_of_locks(Process& process, Segment& block) {
+void stop_outside_of_locks(Process& process, Segment& block) {
     constexpr std::size_t kEndPoints = 32;
     auto locked = [&] {
         bool any = block.at<std::uint32_t>(kShmMutex) != 0 || block.at<std::uint32_t>(kFcLock) != 0;
@@ -68,6 +68,11 @@ void kill_outside_of_locks(Process& process, Segment& block) {
         kill(process.pid(), SIGCONT);
         return false;
     }));
+}
+
+template <class Process>
+void kill_outside_of_locks(Process& process, Segment& block) {
+    stop_outside_of_locks(process, block);
     process.kill();
 }
 
