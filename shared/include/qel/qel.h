@@ -3,6 +3,7 @@
 #ifndef QEL_QEL_H
 #define QEL_QEL_H
 
+#include <qel/async.h>
 #include <qel/atomic.h>
 #include <qel/avl.h>
 #include <qel/base.h>

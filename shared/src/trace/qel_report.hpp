@@ -4,8 +4,8 @@
 //
 // A report names its label (a family word and a number, used at one site only; scripts/lint holds that), its
 // text, and its values. The label is the first argument of the text; a few texts take it last or not at all.
-// Each label has its own trace point word, so a site registers its text once and costs a few atomic
-// operations from then on. A report changes neither a result nor 'errno'.
+// Each label with its text has its own trace point word, so a site registers its text once and costs a few
+// atomic operations from then on. A report changes neither a result nor 'errno'.
 #pragma once
 
 #include <qel/dt.h>
@@ -110,7 +110,7 @@ static_assert(label_place<std::uint64_t>("%s %u") == LabelPlace::mismatch &&
               label_place<double>("%s %lu") == LabelPlace::mismatch &&
               label_place<int>("%s %*d") == LabelPlace::mismatch);
 
-template <FixedText Label>
+template <FixedText Label, FixedText Format>
 inline constinit std::uint32_t trace_point = QEL_DT_TP_UNREGISTERED;
 
 // A trace buffer that is made when it is first needed. 'size_key' names the parameter that overrides 'size',
@@ -163,7 +163,7 @@ void write_line(qel_dt_buffer_handle buffer, Values... values) {
     static_assert(place != LabelPlace::mismatch, "one conversion for the label, if any, and one a value");
     auto write = [buffer](auto... arguments) {
         // A line that can't be written is dropped: it must not disturb the call that it reports on.
-        static_cast<void>(_qel_dt_log_filter_adv(nullptr, buffer, 0, 0, 0, 0, &trace_point<Label>,
+        static_cast<void>(_qel_dt_log_filter_adv(nullptr, buffer, 0, 0, 0, 0, &trace_point<Label, Format>,
                                                  Format.text, arguments...));
     };
     if constexpr (place == LabelPlace::first) write(Label.text, values...);
