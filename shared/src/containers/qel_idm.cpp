@@ -244,6 +244,16 @@ Held qel::idm::retain_any(std::uint32_t handle, std::uint32_t id) {
     return hold(handle, id, true);
 }
 
+Held qel::idm::retain_next(std::uint32_t handle, std::uint32_t previous_id, std::uint32_t* next_id) {
+    Pool* pool = find_pool(handle);
+    if (pool == nullptr || next_id == nullptr) return {};
+    Demand live = pool->marks.in_any_life().and_not_withdrawn();
+    Entry* next = next_entry(*pool, previous_id, [=](Entry& entry) { return take_reference(entry, live); });
+    if (next == nullptr) return {};
+    *next_id = id_of(*pool, *next);
+    return {pool, next};
+}
+
 void qel::idm::end_life(Pool& pool, Entry& entry) {
     Remains remains = bury(pool, entry);
     if (remains.destructor != nullptr) remains.destructor(remains.ctx, remains.destructor_ctx);
@@ -261,8 +271,8 @@ cerrno qel_idm_get_id(uint32_t handle, void* context, uint32_t* id) {
         skip_life_locked(*pool, *entry);
         return fatal(ENOSPC);
     }
+    *id = fresh_id;  // before others can find the object, which may be where this is written
     assign_locked(*pool, *entry, split(fresh_id).gen, context);
-    *id = fresh_id;
     return 0;
 }
 
@@ -299,13 +309,7 @@ void* qel_idm_lookup_and_retain_any_id(uint32_t handle, uint32_t id) {
 }
 
 void* qel_idm_lookup_next_and_retain(uint32_t handle, uint32_t previous_id, uint32_t* next_id) {
-    Pool* pool = find_pool(handle);
-    if (pool == nullptr || next_id == nullptr) return nullptr;
-    Demand live = pool->marks.in_any_life().and_not_withdrawn();
-    Entry* next = next_entry(*pool, previous_id, [=](Entry& entry) { return take_reference(entry, live); });
-    if (next == nullptr) return nullptr;
-    *next_id = id_of(*pool, *next);
-    return next->ctx;
+    return object_of(idm::retain_next(handle, previous_id, next_id));
 }
 
 void* qel_idm_get_next_id(uint32_t handle, uint32_t previous_id, uint32_t* next_id) {

@@ -27,6 +27,8 @@ struct Held {
 Held retain(std::uint32_t pool, std::uint32_t id);
 // As qel_idm_lookup_and_retain_any_id().
 Held retain_any(std::uint32_t pool, std::uint32_t id);
+// As qel_idm_lookup_next_and_retain().
+Held retain_next(std::uint32_t pool, std::uint32_t previous_id, std::uint32_t* next_id);
 
 // The rest of a release that took the last reference: queues the entry and runs the pool's destructor.
 void end_life(Pool& pool, Entry& entry);
@@ -64,6 +66,8 @@ class Retained {
     T* get() const { return object_; }
     T* operator->() const { return object_; }
     T& operator*() const { return *object_; }
+    // Leaves the reference to the caller.
+    T* release() { return std::exchange(object_, nullptr); }
 
   private:
     T* object_ = nullptr;
