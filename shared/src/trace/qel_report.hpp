@@ -61,6 +61,7 @@ constexpr ValueKind parse_conversion(const char*& at) {
     while (is_one_of(*at, "#.-0123456789")) ++at;
     bool wide = false;
     for (; *at == 'l'; ++at) wide = true;
+    if (*at == 'z' && !wide) ++at;  // the trace takes it for a word
     if (*at == 's' && !wide) return ValueKind::string;
     if (*at == 'p' && !wide) return ValueKind::word64;
     if (!is_one_of(*at, "dioxXu")) return ValueKind::none;
@@ -156,19 +157,25 @@ class ErrnoKept {
     int kept_ = errno;
 };
 
-// Writes one line to 'buffer', with the label where the text takes it.
+// Writes one line to 'buffer', with the label where the text takes it, and prints it under 'flag' unless that
+// is null.
 template <FixedText Label, FixedText Format, class... Values>
-void write_line(qel_dt_buffer_handle buffer, Values... values) {
+void write_line_under(qel_dt_flag* flag, qel_dt_buffer_handle buffer, Values... values) {
     constexpr LabelPlace place = label_place<Values...>(Format.text);
     static_assert(place != LabelPlace::mismatch, "one conversion for the label, if any, and one a value");
-    auto write = [buffer](auto... arguments) {
+    auto write = [flag, buffer](auto... arguments) {
         // A line that can't be written is dropped: it must not disturb the call that it reports on.
-        static_cast<void>(_qel_dt_log_filter_adv(nullptr, buffer, 0, 0, 0, 0, &trace_point<Label, Format>,
+        static_cast<void>(_qel_dt_log_filter_adv(flag, buffer, 0, 0, 0, 0, &trace_point<Label, Format>,
                                                  Format.text, arguments...));
     };
     if constexpr (place == LabelPlace::first) write(Label.text, values...);
     if constexpr (place == LabelPlace::last) write(values..., Label.text);
     if constexpr (place == LabelPlace::none) write(values...);
+}
+
+template <FixedText Label, FixedText Format, class... Values>
+void write_line(qel_dt_buffer_handle buffer, Values... values) {
+    write_line_under<Label, Format>(nullptr, buffer, values...);
 }
 
 // Reports a failure to the error buffer.
