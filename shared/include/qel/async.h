@@ -79,6 +79,7 @@ QEL_API cerrno qel_async_wait(const qel_async_future* future);
 /** Fills '*stats'; before the start 'in_use' is 0. Returns 0; 0xa0000016 for null; the pool's error. */
 QEL_API cerrno qel_async_get_stats(qel_async_stats* stats);
 
+/** See there. */
 typedef struct qel_async_ctx qel_async_ctx;
 
 /** Does the work of a synchronous operation, with the argument of qel_async_impl_submit(). */

@@ -19,6 +19,11 @@
 #include <qel/dt_dump.h>
 #include <qel/hash.h>
 #include <qel/idm.h>
+#include <qel/if.h>
+#include <qel/if_cfg.h>
+#include <qel/if_event.h>
+#include <qel/if_layer.h>
+#include <qel/if_shim.h>
 #include <qel/ipc.h>
 #include <qel/ipc_ctx.h>
 #include <qel/ipc_debug.h>
@@ -26,6 +31,7 @@
 #include <qel/mem.h>
 #include <qel/mem_vchunk.h>
 #include <qel/mgd_timer.h>
+#include <qel/netinfra.h>
 #include <qel/ppm.h>
 #include <qel/ptimer.h>
 #include <qel/queue.h>

@@ -1,0 +1,160 @@
+// The table of the kernel's links, see the header.
+#include "net/qel_if_lnx_links.hpp"
+
+#include <linux/if.h>
+#include <linux/if_arp.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "net/qel_if.hpp"
+
+namespace qel::interfaces::lnx {
+namespace {
+
+using detail::get_ifx_locked;
+using detail::ifs_mutex;
+
+constinit qel_hashset* ifs_hs QEL_GUARDED_BY(ifs_mutex) = nullptr;
+
+// What the kernel's messages don't tell.
+constexpr std::uint32_t kMtu = 1500, kSpeed = 10000;  // bytes, Mbit/s
+
+std::uint32_t if_calc(const void* entry, void*) {
+    return qel_hash_calculate(&static_cast<const Entry*>(entry)->ifh, sizeof(Entry::ifh));
+}
+
+bool if_match(const void* probe, const void* entry, void*) {
+    return static_cast<const Entry*>(probe)->ifh == static_cast<const Entry*>(entry)->ifh;
+}
+
+std::uint32_t type_of(std::uint16_t arp_type) {
+    if (arp_type == ARPHRD_ETHER) return QEL_IF_TYPE_ETHERNET;
+    return arp_type == ARPHRD_LOOPBACK ? QEL_IF_TYPE_LOOPBACK : QEL_IF_TYPE_UNSUPPORTED;
+}
+
+std::uint32_t admin_state(std::uint32_t flags) {
+    return (flags & IFF_UP) != 0 ? QEL_IF_ADMIN_UP : QEL_IF_ADMIN_DOWN;
+}
+
+// A new link works only if it is up; of one that is known, running is enough.
+std::uint32_t oper_state(std::uint32_t flags, std::uint32_t needed) {
+    return (flags & needed) == needed ? QEL_IF_OPER_UP : QEL_IF_OPER_DOWN;
+}
+
+void fill(Entry& entry, const netlink::Link& link) {
+    entry.ifh = entry.snmp_index = link.index;
+    entry.type = type_of(link.type);
+    entry.encap = link.type == ARPHRD_ETHER ? QEL_IF_ENCAP_ETHER : QEL_IF_ENCAP_NULL;
+    entry.base_if = link.has_base ? link.base : link.index;
+    static_assert(sizeof(entry.name) == netlink::Link::kNameSize &&
+                  sizeof(entry.mac) == sizeof(link.address));
+    std::memcpy(entry.name, link.name.data(), sizeof(entry.name));
+    entry.mtu = link.has_mtu ? link.mtu : kMtu;
+    entry.rx_bandwidth = entry.tx_bandwidth = entry.speed = entry.speed_max = kSpeed;
+    entry.input_fc = QEL_IF_FLOW_CONTROL_ON;
+    entry.output_fc = QEL_IF_FLOW_CONTROL_OFF;
+    entry.auto_neg = QEL_IF_AUTO_NEGOTIATION_ON;
+    entry.loc_a = entry.loc_b = 1;
+    entry.oper_state = oper_state(link.flags, IFF_UP | IFF_RUNNING);
+    entry.admin_state = admin_state(link.flags);
+    entry.duplex = QEL_IF_FULL_DUPLEX;
+    entry.unidir = QEL_IF_UNIDIR_OFF;
+    std::memcpy(entry.mac, link.address.data(), link.address_length);
+}
+
+// Frees a link that is out of the table.
+void free_entry(Entry* entry) {
+    entry->ifh = 0;
+    Owned<Entry> owned{entry};
+}
+
+}  // namespace
+
+namespace detail {
+
+constinit Mutex ifs_mutex;
+
+Entry* get_ifx_locked(std::uint64_t ifh) {
+    Entry probe;
+    probe.ifh = ifh;
+    return static_cast<Entry*>(qel_hashset_get(ifs_hs, &probe));
+}
+
+}  // namespace detail
+
+cerrno make_table() {
+    Locked lock{ifs_mutex};
+    if (ifs_hs != nullptr) return 0;
+    const int error = qel_hashset_create(&ifs_hs, nullptr, offsetof(Entry, link), if_calc, if_match, nullptr);
+    return error == 0 ? 0 : fatal(error);
+}
+
+void free_table() {
+    Locked lock{ifs_mutex};
+    auto take_out = [](qel_hashset* set, void* entry, void*) {
+        qel_hashset_remove(set, entry);
+        free_entry(static_cast<Entry*>(entry));
+        return 0;
+    };
+    qel_hashset_iterate(ifs_hs, take_out, nullptr);
+    qel_hashset_free(&ifs_hs);
+}
+
+Change process_rtnl_msg_new(const netlink::Link& link, std::uint32_t dump) {
+    Locked lock{ifs_mutex};
+    if (ifs_hs == nullptr) return Change::none;  // the last client has gone
+    if (Entry* known = get_ifx_locked(link.index); known != nullptr) {
+        known->oper_state = oper_state(link.flags, IFF_RUNNING);
+        known->admin_state = admin_state(link.flags);
+        known->dump = dump;
+        return Change::none;
+    }
+    Owned<Entry> entry = allocate_zeroed<Entry>(QEL_MEM_INTF);
+    if (!entry) return Change::no_memory;
+    fill(*entry, link);
+    entry->dump = dump;
+    qel_hashset_insert(ifs_hs, entry.release());
+    return Change::created;
+}
+
+cerrno process_rtnl_msg_del(std::uint64_t ifh) {
+    Locked lock{ifs_mutex};
+    Entry* entry = get_ifx_locked(ifh);
+    if (entry == nullptr) return fatal(ENOENT);
+    qel_hashset_remove(ifs_hs, entry);
+    free_entry(entry);
+    return 0;
+}
+
+bool has_link(std::uint64_t ifh) {
+    Locked lock{ifs_mutex};
+    return get_ifx_locked(ifh) != nullptr;
+}
+
+std::uint64_t find_name(const char* name) {
+    Locked lock{ifs_mutex};
+    for (void* at = qel_hashset_first(ifs_hs); at != nullptr; at = qel_hashset_next(ifs_hs, at))
+        if (std::strcmp(static_cast<Entry*>(at)->name, name) == 0) return static_cast<Entry*>(at)->ifh;
+    return 0;
+}
+
+Owned<std::uint64_t> snapshot(std::size_t& count, bool& no_memory, std::uint32_t left_out_of) {
+    count = 0;
+    no_memory = false;
+    Locked lock{ifs_mutex};
+    const std::size_t size = qel_hashset_size(ifs_hs);
+    if (size == 0) return {};
+    Owned<std::uint64_t> handles = allocate_zeroed<std::uint64_t>(QEL_MEM_INTF, size);
+    no_memory = !handles;
+    if (no_memory) return handles;
+    for (void* at = qel_hashset_first(ifs_hs); at != nullptr; at = qel_hashset_next(ifs_hs, at)) {
+        const auto& entry = *static_cast<Entry*>(at);
+        if (left_out_of == 0 || entry.dump != left_out_of) handles.get()[count++] = entry.ifh;
+    }
+    std::sort(handles.get(), handles.get() + count);
+    return handles;
+}
+
+}  // namespace qel::interfaces::lnx
