@@ -64,7 +64,7 @@ endif()
 
 # The tool is run as its users do; without it there is nothing to test.
 if(TARGET qel_tool)
-    foreach(name qel_err_test qel_ipc_test qel_trace_test)
+    foreach(name qel_err_test qel_if_test qel_ipc_test qel_trace_test)
         add_dependencies(${name} qel_tool)
         qel_test_properties(tools.${name} ENVIRONMENT QEL_TOOL=$<TARGET_FILE:qel_tool>)
     endforeach()

@@ -37,12 +37,14 @@ std::string printable(std::string text);
 void add_ipc(CLI::App& program, Run& run);
 void add_err(CLI::App& program, Run& run);
 void add_trace(CLI::App& program, Run& run);
+void add_if(CLI::App& program, Run& run);
 
 // What the shell's completion offers for the last of 'words', one a line. Arguments are known by the names
-// of their types: kBuffer, kChannel and kLevel.
+// of their types: kBuffer, kChannel, kInterface and kLevel.
 Exit complete(const CLI::App& program, const std::vector<std::string>& words);
 inline constexpr const char* kBuffer = "BUFFER";
 inline constexpr const char* kChannel = "CHANNEL";
+inline constexpr const char* kInterface = "INTERFACE";
 inline constexpr const char* kLevel = "LEVEL";
 
 }  // namespace qel_tool

@@ -3,7 +3,10 @@
 // The shell's script calls it at each TAB, so a new subcommand completes without a change there.
 #include <qel/ppm.h>
 
+#include <net/if.h>
+
 #include <algorithm>
+#include <memory>
 
 #include "ipc_channel.hpp"
 #include "objects.hpp"
@@ -75,10 +78,19 @@ const CLI::Option* positional_at(const Place& place) {
     return last;
 }
 
+Candidates find_links() {
+    Candidates all;
+    const std::unique_ptr<struct if_nameindex, decltype(&if_freenameindex)> links{if_nameindex(),
+                                                                                  if_freenameindex};
+    for (const auto* at = links.get(); at != nullptr && at->if_index != 0; ++at) all.push_back(at->if_name);
+    return all;
+}
+
 Candidates words_for(const CLI::Option* argument, const std::string& root) {
     if (argument == nullptr) return {};
     const std::string kind = argument->get_type_name();
     if (kind == kBuffer) return find_objects(root, ".qdt");
+    if (kind == kInterface) return find_links();
     if (kind == kLevel) return {"error", "warning", "info", "debug"};
     if (kind != kChannel) return {};
     static_cast<void>(qel_ppm_set_string("qel.shm.root", root.c_str()));  // Without it none are found.

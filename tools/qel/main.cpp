@@ -1,4 +1,4 @@
-// qel: looks at what libqel keeps in shared memory, and sets what can be set there.
+// qel: looks at what libqel keeps in shared memory, and sets what can be set there; and at interfaces.
 //
 // Each family of subcommands is a row of kFamilies and a file of its own. Every subcommand has a text form
 // and, with --json, one JSON document a line.
@@ -28,11 +28,12 @@ constexpr char kFooter[] =
     "  qel ipc level element.keys --trace 1 turns its traces on\n"
     "  qel trace dump lines.events          what a process, dead or alive, has logged\n"
     "  qel trace follow lines.events        what processes log now\n"
+    "  qel if list                          the interfaces of this machine\n"
     "  qel err 0xa0000016                   what a result code means\n"
     "  qel --root test1. ipc ls             channels whose names begin with \"test1.\" in shared memory";
 
 using AddFamily = void (*)(CLI::App& program, Run& run);
-constexpr std::array<AddFamily, 3> kFamilies{add_ipc, add_trace, add_err};
+constexpr std::array<AddFamily, 4> kFamilies{add_ipc, add_trace, add_if, add_err};
 
 Exit fail(const Run& run, const Unreadable& error) {
     if (run.json) print_json({{"error", error.what}});
