@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Runs linkwatch, then traceread on what it left in shared memory; scripts/demo builds both first.
+# Shows the links of this machine; scripts/demo builds the programs first. iflist lists the interfaces through the service and
+# follows them; with --descriptors, linkwatch does it over a netlink socket of its own. Then traceread shows what the
+# library or linkwatch logged, in shared memory that outlived the program.
 #
-# Succeeds if the table has the machine's loopback link and its trace entry outlived the writer; with --churn, if the
-# tallies and the number of trace entries agree with what was done.
+# Succeeds if the table has the machine's loopback link and a trace entry outlived its writer; with --churn, if both
+# programs, side by side, tell of every link that comes and goes, and linkwatch's trace has an entry for each change.
 #
-# usage: demo.sh PROGRAM-FOLDER [--watch | --churn]
+# usage: demo.sh PROGRAM-FOLDER [--watch | --churn | --descriptors]
 set -euo pipefail
 programs=$1
 mode=${2:-}
@@ -26,20 +28,21 @@ fi
 root=/qeldemo.$$.
 work=$(mktemp -d)
 output=$work/output
-writer=
+interfaces=$work/interfaces
+writers=()
 cleanup() {
-    [ -z "$writer" ] || kill "$writer" 2>/dev/null || true
+    [ ${#writers[@]} -eq 0 ] || kill "${writers[@]}" 2>/dev/null || true
     rm -rf "$work" /dev/shm"$root"*
 }
 trap cleanup EXIT
 
-# Waits until linkwatch has printed a line that matches, 30 s at most.
+# await FILE PATTERN [COUNT]: waits until so many lines match, one unless told, 30 s at most.
 await() {
     for _ in $(seq 300); do
-        ! grep -qE "$1" "$output" || return 0
+        [ "$(grep -cE "$2" "$1")" -lt "${3:-1}" ] || return 0
         sleep 0.1
     done
-    fail "no line like '$1'; the last one is: $(tail -n 1 "$output")"
+    fail "no ${3:-1} lines like '$2'; the last one is: $(tail -n 1 "$1")"
 }
 
 # ip_batch COUNT LINE...: runs each line, a command of ip, with @ as 1, 2 ... COUNT.
@@ -62,40 +65,49 @@ churn() {
     else
         count=50 add="link add t@ type veth peer name u@" change+=("link set u@ mtu 1400")
     fi
+    "$programs/iflist" --watch --root "$root" >"$interfaces" &
+    writers=($!)
     "$programs/linkwatch" --watch --root "$root" >"$output" &
-    writer=$!
-    await '^ +index'
+    writers+=($!)
+    await "$interfaces" ' interfaces$'
+    await "$output" '^ +index'
     ip_batch $count "$add"
-    await '^tick: .*, 100 added, 0 changed, 0 deleted'
+    await "$output" '^tick: .*, 100 added, 0 changed, 0 deleted'
+    await "$interfaces" '^created' 100
     ip_batch $count "${change[@]}"
-    await '^tick: .*, 100 added, 100 changed, 0 deleted'
+    await "$output" '^tick: .*, 100 added, 100 changed, 0 deleted'
     ip_batch $count "link del t@"
-    await '^tick: .*, 100 added, 100 changed, 100 deleted'
-    kill "$writer"
-    wait "$writer" || fail "linkwatch failed"
-    writer=
-    cat "$output"
+    await "$output" '^tick: .*, 100 added, 100 changed, 100 deleted'
+    await "$interfaces" '^deleted' 100
+    kill "${writers[@]}"
+    for writer in "${writers[@]}"; do wait "$writer" || fail "iflist or linkwatch failed"; done
+    writers=()
+    [ "$(sed -nE 's/^(created|deleted) +[0-9]+  //p' "$interfaces" | sort | uniq -c | grep -c '^ *2 ')" -eq 100 ] ||
+        fail "iflist should have told of each link twice"
+    cat "$interfaces" "$output"
     found=$(sed -nE 's/^end: .* ([0-9]+) found, 100 added, 100 changed, 100 deleted$/\1/p' "$output")
     entries=$((found + 300))
 }
 
-entries=
+entries= buffer=linkwatch
 case $mode in
-"")
+"" | --watch)
+    buffer=qel.if.buffer.events
+    trap : INT
+    "$programs/iflist" $mode --root "$root" | tee "$output"
+    grep -qE '^ +[0-9]+  lo +LOOPBACK ' "$output" || fail "the table lacks the loopback link"
+    ;;
+--descriptors)
     "$programs/linkwatch" --root "$root" | tee "$output"
     grep -qE '^ +[0-9]+  lo +loopback ' "$output" || fail "the table lacks the loopback link"
     ;;
---watch)
-    trap : INT
-    "$programs/linkwatch" --watch --root "$root"
-    ;;
 --churn) churn ;;
-*) fail "usage: demo.sh PROGRAM-FOLDER [--watch | --churn]" ;;
+*) fail "usage: demo.sh PROGRAM-FOLDER [--watch | --churn | --descriptors]" ;;
 esac
 
 echo
-echo "linkwatch has ended. Another process opens the trace buffer that it left:"
-"$programs/traceread" --root "$root" linkwatch 10 | tee "$work/trace"
-grep -qE '  link [0-9]+ [a-z]+: [^ ]+, [^ ]+, ' "$work/trace" || fail "the trace has no entry"
+echo "The program has ended. Another process opens the trace buffer that it left:"
+"$programs/traceread" --root "$root" "$buffer" 10 | tee "$work/trace"
+grep -qE ' (link [0-9]+ [a-z]+: [^ ]+, [^ ]+, |IFEVENT[0-9]+: )' "$work/trace" || fail "the trace has no entry"
 [ -z "$entries" ] || grep -q " $entries entries " "$work/trace" || fail "the trace should have $entries entries"
 [ "$mode" != --churn ] || echo "demo: the tallies agree with what was done"
