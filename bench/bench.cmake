@@ -35,6 +35,9 @@ endif()
 find_library(QEL_JUDY Judy REQUIRED)
 target_link_libraries(tree_bench PRIVATE ${QEL_JUDY})
 
+qel_bench_peers(if_bench libnl_route_3_0)
+target_include_directories(if_bench PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+
 # The load on the command-line tool, which is run as its users do.
 if(TARGET qel_tool)
     add_dependencies(follow_bench qel_tool)

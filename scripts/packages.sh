@@ -11,7 +11,7 @@ packages_test="libgtest-dev libgmock-dev pkg-config python3 iproute2 spin"
 packages_lint="clang clang-format git python3"
 packages_fuzz="clang libclang-rt-dev"
 packages_docs="doxygen"
-packages_bench="libbenchmark-dev libboost-dev libqb-dev libuv1-dev libevent-dev libev-dev liblttng-ust-dev lttng-tools libnng-dev libzmq3-dev libfmt-dev libdpdk-dev libjudy-dev uthash-dev pkg-config"
+packages_bench="libbenchmark-dev libboost-dev libqb-dev libuv1-dev libevent-dev libev-dev liblttng-ust-dev lttng-tools libnng-dev libzmq3-dev libfmt-dev libdpdk-dev libjudy-dev uthash-dev libnl-route-3-dev iproute2 pkg-config"
 
 need() {
     local group list package missing=()
