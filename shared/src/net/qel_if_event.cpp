@@ -63,7 +63,7 @@ constexpr std::array<Row, QEL_IF_EVENT_COUNT> kEvents = [] {
     rows.fill(Row{});  // GCC 12 leaves the defaults of rows{} out where one member is assigned
     std::uint32_t cbid = 2;
     for (std::uint32_t attr : kAttrs) rows[cbid++].attr = attr;
-    for (std::uint32_t pointed : {7, 8, 9}) rows[pointed].form = Form::pointer;
+    for (std::uint32_t pointed : {7u, 8u, 9u}) rows[pointed].form = Form::pointer;
     rows[10].form = Form::bd;
     rows[kByteEvent].form = Form::byte;
     for (std::uint32_t family = 0; family < 5; ++family) {
