@@ -199,6 +199,27 @@ class Turn {
     ~Turn() {
         if (!is_mine_) return;
         Locked lock{news_mutex};
+        end_locked();
+    }
+
+    // True while there is something to read, from 'fd', or to compare; the turn ends with that.
+    bool goes_on(int& fd, std::byte*& room, bool& must_compare) {
+        if (!is_mine_) return false;
+        Locked lock{news_mutex};
+        news.dying.reset();
+        if (!std::exchange(news.word_left, false) || !news.rtnl_event_fd) {
+            end_locked();
+            return false;
+        }
+        fd = news.rtnl_event_fd.get();
+        room = news.room.get();
+        must_compare = std::exchange(news.must_compare, false);
+        return true;
+    }
+
+  private:
+    void end_locked() QEL_REQUIRES(news_mutex) {
+        is_mine_ = false;
         news.reading = false;
         news.dying.reset();
         if (!news.rtnl_event_fd) news.room.reset();
@@ -207,18 +228,6 @@ class Turn {
         });
     }
 
-    // True while there is something to read, from 'fd', or to compare.
-    bool goes_on(int& fd, std::byte*& room, bool& must_compare) {
-        if (!is_mine_) return false;
-        Locked lock{news_mutex};
-        if (!std::exchange(news.word_left, false) || !news.rtnl_event_fd) return false;
-        fd = news.rtnl_event_fd.get();
-        room = news.room.get();
-        must_compare = std::exchange(news.must_compare, false);
-        return true;
-    }
-
-  private:
     bool is_mine_ = false;
 };
 
@@ -256,14 +265,13 @@ cerrno event_socket_create_locked() QEL_REQUIRES(news_mutex) {
     return 0;
 }
 
-// Closes it, or leaves that to whoever reads it.
+// Closes it, or leaves that to whoever reads it; with one dying already, that is the one being read.
 void event_socket_destroy_locked() QEL_REQUIRES(news_mutex) {
-    if (news.reading) {
+    if (news.reading && !news.dying)
         news.dying = std::move(news.rtnl_event_fd);
-        return;
-    }
-    news.rtnl_event_fd.reset();
-    news.room.reset();
+    else
+        news.rtnl_event_fd.reset();
+    if (!news.reading) news.room.reset();
 }
 
 bool is_watched_locked(qel_dm_handle dm) QEL_REQUIRES(news_mutex) {
