@@ -11,7 +11,9 @@
 //
 // When the kernel has dropped news because nobody took it in time, what did come is taken first, and then a
 // fresh dump is held against the table: what differs is reported. The same is done once when the socket is
-// opened, since nobody followed the kernel until then.
+// opened, since nobody followed the kernel until then. A link that went just before the dump is in news that
+// still waits, which is taken next and must not bring the link back: see OldNews. A comparison that failed is
+// made up for with the next news.
 //
 // Locks: 'news_mutex' guards the watches and the turn, and is held while dispatchers are told to wait, never
 // across a report. Threads: dispatchers'. Restart: nothing stays.
@@ -20,6 +22,7 @@
 #include <qel/if_shim.h>
 #include <qel/queue.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 
@@ -43,11 +46,29 @@ Room make_room() {
 
 // --- Messages
 
+// The links that a comparison found gone. The kernel spoke of them before it gave the dump, so what it said
+// waits in the socket, the word of their end last; until that one comes nothing else about them is true.
+struct OldNews {
+    Owned<std::uint64_t> handles;  // ascending
+    std::size_t count = 0;
+
+    bool has(std::uint64_t ifh) const { return std::binary_search(begin(), end(), ifh); }
+    void forget(std::uint64_t ifh) {
+        std::uint64_t* at = std::lower_bound(begin(), end(), ifh);
+        if (at == end() || *at != ifh) return;
+        std::copy(at + 1, end(), at);
+        --count;
+    }
+    std::uint64_t* begin() const { return handles.get(); }
+    std::uint64_t* end() const { return handles.get() + count; }
+};
+
 // What reading is for, and what happened on the way.
 struct Intake {
     bool is_dump;
     bool tell;           // report what is created and deleted
     std::uint32_t dump;  // the number of the last dump begun
+    OldNews old_news{};
     bool is_interrupted = false;
     bool lost = false;
 };
@@ -90,9 +111,11 @@ bool take_message(const Message& message, Intake& intake, cerrno& result) {
         return true;
     case Kind::new_link:
         // A link that there was no memory for is made good by the next dump.
-        if (take_new(message.link, intake) != 0) intake.lost = true;
+        if (!intake.old_news.has(message.link.index) && take_new(message.link, intake) != 0)
+            intake.lost = true;
         return false;
     case Kind::deleted_link:
+        intake.old_news.forget(message.link.index);
         static_cast<void>(take_deleted(message.link.index, intake));  // unknown: nobody was told of it
         return false;
     case Kind::other:
@@ -137,17 +160,18 @@ cerrno read_list(int fd, Intake& intake, bool& is_whole) {
     return 0;
 }
 
-// Holds the kernel's list against the table, and reports what differs.
-void compare() {
+// Holds the kernel's list against the table, and reports what differs: what has gone since goes to 'gone',
+// too. False if there is no whole list, or no memory for what differs.
+bool compare(OldNews& gone) {
     Socket socket;
     Intake intake{.is_dump = true, .tell = true, .dump = next_dump()};
     bool is_whole = false, no_room = false;
-    if (netlink::attr_socket_create(socket) != 0 || read_list(socket.get(), intake, is_whole) != 0) return;
-    if (!is_whole) return;
-    std::size_t count = 0;
-    const Owned<std::uint64_t> gone = snapshot(count, no_room, intake.dump);
-    for (std::size_t i = 0; i < count; ++i)
-        static_cast<void>(take_deleted(gone.get()[i], intake));  // else somebody was faster
+    if (netlink::attr_socket_create(socket) != 0 || read_list(socket.get(), intake, is_whole) != 0)
+        return false;
+    if (!is_whole) return false;
+    gone.handles = snapshot(gone.count, no_room, intake.dump);
+    for (std::uint64_t ifh : gone) static_cast<void>(take_deleted(ifh, intake));  // else somebody was faster
+    return !no_room;
 }
 
 // --- News
@@ -199,6 +223,7 @@ class Turn {
     ~Turn() {
         if (!is_mine_) return;
         Locked lock{news_mutex};
+        news.must_compare = true;  // the thread ended in a callback, before it came to the rest
         end_locked();
     }
 
@@ -217,6 +242,13 @@ class Turn {
         return true;
     }
 
+    // After a comparison: what came before it waits to be read. One that failed is wanted again, but not now.
+    void note_comparison(bool is_done) {
+        Locked lock{news_mutex};
+        news.word_left |= is_done;
+        news.must_compare |= !is_done;
+    }
+
   private:
     void end_locked() QEL_REQUIRES(news_mutex) {
         is_mine_ = false;
@@ -233,14 +265,16 @@ class Turn {
 
 void read_news() {
     Turn turn;
+    OldNews gone;
     int fd = -1;
     std::byte* room = nullptr;
     bool must_compare = false;
     while (turn.goes_on(fd, room, must_compare)) {
-        Intake intake{.is_dump = false, .tell = true, .dump = last_dump.load()};
+        Intake intake{
+            .is_dump = false, .tell = true, .dump = last_dump.load(), .old_news = std::exchange(gone, {})};
         static_cast<void>(  // "nothing more" is how news ends
             lnx_socket_recv_rtnlmsg(fd, {room, netlink::kDatagramSize}, intake));
-        if (intake.lost || must_compare) compare();
+        if (intake.lost || must_compare) turn.note_comparison(compare(gone));
     }
 }
 
