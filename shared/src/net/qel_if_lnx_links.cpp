@@ -17,6 +17,8 @@ using detail::get_ifx_locked;
 using detail::ifs_mutex;
 
 constinit qel_hashset* ifs_hs QEL_GUARDED_BY(ifs_mutex) = nullptr;
+// The same links by name.
+constinit qel_hashset* names_hs QEL_GUARDED_BY(ifs_mutex) = nullptr;
 
 // What the kernel's messages don't tell.
 constexpr std::uint32_t kMtu = 1500, kSpeed = 10000;  // bytes, Mbit/s
@@ -27,6 +29,15 @@ std::uint32_t if_calc(const void* entry, void*) {
 
 bool if_match(const void* probe, const void* entry, void*) {
     return static_cast<const Entry*>(probe)->ifh == static_cast<const Entry*>(entry)->ifh;
+}
+
+std::uint32_t name_calc(const void* entry, void*) {
+    const char* name = static_cast<const Entry*>(entry)->name;
+    return qel_hash_calculate(name, static_cast<std::int32_t>(std::strlen(name)));
+}
+
+bool name_match(const void* probe, const void* entry, void*) {
+    return std::strcmp(static_cast<const Entry*>(probe)->name, static_cast<const Entry*>(entry)->name) == 0;
 }
 
 std::uint32_t type_of(std::uint16_t arp_type) {
@@ -64,8 +75,9 @@ void fill(Entry& entry, const netlink::Link& link) {
     std::memcpy(entry.mac, link.address.data(), link.address_length);
 }
 
-// Frees a link that is out of the table.
-void free_entry(Entry* entry) {
+void remove_locked(Entry* entry) QEL_REQUIRES(ifs_mutex) {
+    qel_hashset_remove(names_hs, entry);
+    qel_hashset_remove(ifs_hs, entry);
     entry->ifh = 0;
     Owned<Entry> owned{entry};
 }
@@ -87,18 +99,23 @@ Entry* get_ifx_locked(std::uint64_t ifh) {
 cerrno make_table() {
     Locked lock{ifs_mutex};
     if (ifs_hs != nullptr) return 0;
-    const int error = qel_hashset_create(&ifs_hs, nullptr, offsetof(Entry, link), if_calc, if_match, nullptr);
-    return error == 0 ? 0 : fatal(error);
+    int error = qel_hashset_create(&ifs_hs, nullptr, offsetof(Entry, link), if_calc, if_match, nullptr);
+    if (error == 0)
+        error = qel_hashset_create(&names_hs, nullptr, offsetof(Entry, name_link), name_calc, name_match,
+                                   nullptr);
+    if (error == 0) return 0;
+    qel_hashset_free(&ifs_hs);
+    return fatal(error);
 }
 
 void free_table() {
     Locked lock{ifs_mutex};
-    auto take_out = [](qel_hashset* set, void* entry, void*) {
-        qel_hashset_remove(set, entry);
-        free_entry(static_cast<Entry*>(entry));
+    auto take_out = [](qel_hashset*, void* entry, void*) QEL_REQUIRES(ifs_mutex) {
+        remove_locked(static_cast<Entry*>(entry));
         return 0;
     };
     qel_hashset_iterate(ifs_hs, take_out, nullptr);
+    qel_hashset_free(&names_hs);
     qel_hashset_free(&ifs_hs);
 }
 
@@ -115,6 +132,7 @@ Change process_rtnl_msg_new(const netlink::Link& link, std::uint32_t dump) {
     if (!entry) return Change::no_memory;
     fill(*entry, link);
     entry->dump = dump;
+    qel_hashset_insert(names_hs, entry.get());
     qel_hashset_insert(ifs_hs, entry.release());
     return Change::created;
 }
@@ -123,8 +141,7 @@ cerrno process_rtnl_msg_del(std::uint64_t ifh) {
     Locked lock{ifs_mutex};
     Entry* entry = get_ifx_locked(ifh);
     if (entry == nullptr) return fatal(ENOENT);
-    qel_hashset_remove(ifs_hs, entry);
-    free_entry(entry);
+    remove_locked(entry);
     return 0;
 }
 
@@ -134,10 +151,13 @@ bool has_link(std::uint64_t ifh) {
 }
 
 std::uint64_t find_name(const char* name) {
+    Entry probe;
+    const std::size_t size = std::strlen(name) + 1;
+    if (size > sizeof(probe.name)) return 0;
+    std::memcpy(probe.name, name, size);
     Locked lock{ifs_mutex};
-    for (void* at = qel_hashset_first(ifs_hs); at != nullptr; at = qel_hashset_next(ifs_hs, at))
-        if (std::strcmp(static_cast<Entry*>(at)->name, name) == 0) return static_cast<Entry*>(at)->ifh;
-    return 0;
+    const auto* entry = static_cast<const Entry*>(qel_hashset_get(names_hs, &probe));
+    return entry == nullptr ? 0 : entry->ifh;
 }
 
 Owned<std::uint64_t> snapshot(std::size_t& count, bool& no_memory, std::uint32_t left_out_of) {

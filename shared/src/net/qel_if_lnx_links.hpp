@@ -20,7 +20,8 @@
 // A link. What has no word in the kernel's message has a fixed value.
 struct qel_if_lnx_entry {
     qel_hash_link link;  // in ifs_hs
-    std::uint64_t ifh;   // the kernel's index; 0 once it is freed
+    qel_hash_link name_link;
+    std::uint64_t ifh;  // the kernel's index; 0 once it is freed
     std::uint32_t type;
     std::uint32_t encap;
     std::uint64_t base_if;
