@@ -8,6 +8,9 @@
 // result.
 #include <qel/qel.h>
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -141,14 +144,25 @@ void steps(benchmark::State& state) {
 }
 BENCHMARK(steps)->Iterations(4000)->UseManualTime();
 
+void pin(unsigned processor) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(processor, &set);
+    pthread_setaffinity_np(pthread_self(), sizeof(set), &set);
+}
+
 void round_trip(benchmark::State& state) {
     constexpr int kRounds = 500;
+    const auto other = static_cast<unsigned>(state.range(0) - 1);
     Service service;
     Mailbox there, back;
-    std::thread shim([] {
+    pin(0);
+    std::thread shim([other] {
+        pin(other);
         for (std::uint32_t op_id = requests.take(); op_id != kEnd; op_id = requests.take()) answer(op_id);
     });
     std::thread plain([&] {
+        pin(other);
         for (std::uint32_t number = there.take(); number != kEnd; number = there.take()) back.put(number);
     });
     auto ours = [&] {
@@ -170,7 +184,8 @@ void round_trip(benchmark::State& state) {
     shim.join();
     plain.join();
 }
-BENCHMARK(round_trip)->Iterations(2000)->UseManualTime();
+BENCHMARK(round_trip)->ArgName("processors")->Arg(1)->Iterations(2000)->UseManualTime();
+BENCHMARK(round_trip)->ArgName("processors")->Arg(2)->Iterations(200)->UseManualTime();
 
 }  // namespace
 

@@ -118,6 +118,8 @@ TEST_F(AsyncTest, hands_the_result_to_a_waiter_once) {
     postamble_ran = false;
     auto work = [](qel_async_ctx* done, void* argument) {
         EXPECT_EQ(done->native_sync, 1);
+        const qel_async_future own{done->op_id, done->opcode, 0, 0};
+        EXPECT_EQ(qel_async_wait(&own), 0xa0000023) << "nobody else would bring it";
         EXPECT_EQ(provide(done->op_id, *static_cast<cerrno*>(argument)), 0u);
         EXPECT_EQ(provide(done->op_id, 1), 0xa0000072);
     };

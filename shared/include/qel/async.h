@@ -73,7 +73,8 @@ QEL_API cerrno qel_async_req_init(qel_async_req* request);
 /** Sleeps until the operation has a result, or its client was unbound. The result is still to be fetched.
  *
  * Returns 0; 0xa0000016 for null; 0xa0000002 if the operation is unknown, fetched or discarded; 0xa0000001
- * for one with a callback. */
+ * for one with a callback; 0xa0000023 in a synchronous handler, for one whose own handler would come next on
+ * that thread. */
 QEL_API cerrno qel_async_wait(const qel_async_future* future);
 
 /** Fills '*stats'; before the start 'in_use' is 0. Returns 0; 0xa0000016 for null; the pool's error. */

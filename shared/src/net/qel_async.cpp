@@ -98,10 +98,14 @@ void trace_stop() {
     trace<"ADEVENT005", Format>();
 }
 
+// Set on the thread for synchronous handlers: what waits behind a handler can't be waited for in it.
+thread_local constinit bool runs_sync_handler = false;
+
 // A job carries the ID alone: an operation that was ended meanwhile isn't found.
 void async_impl_execute_native_sync(qel_dm_handle, std::uint64_t argument, std::uint64_t op_id) {
     Operation* operation = nullptr;
     if (qel_async_impl_op_guard(static_cast<std::uint32_t>(op_id), &operation) != 0) return;
+    runs_sync_handler = true;
     operation->handler(operation, reinterpret_cast<void*>(argument));
     if (operation->postamble != nullptr) operation->postamble(operation);
     static_cast<void>(qel_async_impl_op_yield(operation));  // reported there
@@ -139,6 +143,11 @@ cerrno qel_async_wait(const qel_async_future* future) {
         static_cast<void>(qel_async_impl_release_and_unlock_ctx(operation));  // reported there
         return failed<"ADERROR014", "ERROR: %s: OP ID 0x%x opcode %d trying wait while set for callback">(
             fatal(EPERM), op_id, opcode);
+    }
+    if (runs_sync_handler && operation->native_sync != 0 && operation->state == kPending) {
+        static_cast<void>(qel_async_impl_release_and_unlock_ctx(operation));  // reported there
+        return failed<"ADERROR030", "ERROR: %s: OP ID 0x%x opcode %d would be waited for by its own thread">(
+            fatal(EDEADLK), op_id, opcode);
     }
     trace<"ADEVENT002", "%s: OP ID 0x%x opcode %d before wait">(op_id, opcode);
     wait_until_done(*operation);
