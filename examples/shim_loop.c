@@ -1,10 +1,11 @@
 /* shim_loop: a small interface shim, whole, and a client that uses it.
  *
- * usage: shim_loop
+ * usage: shim_loop [--root PREFIX]
  *
  * The shim gives three interfaces, "loop0" to "loop2", which exist in this program alone. It has a thread of
  * its own, which is what a real shim has for the device or daemon behind it: there it answers requests for
- * changes, and flips the state of an interface now and then, which it reports.
+ * changes, and flips the state of an interface now and then, which it reports. What the library logs goes to
+ * shared memory below PREFIX.
  *
  *     client's thread                              shim's thread
  *     qel_if_cfg_async ---> cfg_async: a request   serve: takes the request
@@ -305,8 +306,12 @@ static void run_client(void) {
     qel_dm_destroy(&dm);
 }
 
-int main(void) {
+int main(int argc, char** argv) {
     pthread_t thread;
+    if (argc == 3 && strcmp(argv[1], "--root") == 0)
+        must((cerrno)qel_ppm_set_string("qel.shm.root", argv[2]), "--root");
+    else if (argc != 1)
+        return fprintf(stderr, "usage: shim_loop [--root PREFIX]\n"), 2;
     setvbuf(stdout, NULL, _IOLBF, 0);
     start_shim(&thread);
     must(qel_netinfra_init(0), "qel_netinfra_init");

@@ -62,6 +62,11 @@ if(TARGET sessions)
     set_tests_properties(project.sessions PROPERTIES TIMEOUT 120)
 endif()
 
+if(TARGET shim_loop)
+    add_test(NAME project.shim_loop COMMAND ${QEL_PROJECT_TESTS}/shim_loop_test.sh $<TARGET_FILE:shim_loop>)
+    set_tests_properties(project.shim_loop PROPERTIES TIMEOUT 60)
+endif()
+
 # The tool is run as its users do; without it there is nothing to test.
 if(TARGET qel_tool)
     foreach(name qel_err_test qel_if_test qel_ipc_test qel_trace_test)
