@@ -29,7 +29,7 @@ using Info = qel_if_shim_info;
 
 constinit Mutex bind_mutex;
 constinit std::uint32_t binds QEL_GUARDED_BY(bind_mutex) = 0;
-constinit netlink::Socket rtnl_attr_fd QEL_GUARDED_BY(bind_mutex);
+constinit netlink::StaticSocket rtnl_attr_fd QEL_GUARDED_BY(bind_mutex);
 
 void leave_locked() QEL_REQUIRES(bind_mutex) {
     lnx::free_table();
@@ -38,8 +38,10 @@ void leave_locked() QEL_REQUIRES(bind_mutex) {
 
 cerrno enter_locked() QEL_REQUIRES(bind_mutex) {
     if (cerrno error = lnx::make_table(); error != 0) return error;
-    cerrno error = netlink::attr_socket_create(rtnl_attr_fd);
-    if (error == 0) error = lnx::read_list(rtnl_attr_fd.get());
+    netlink::Socket socket;
+    cerrno error = netlink::attr_socket_create(socket);
+    if (error == 0) error = lnx::read_list(socket.get());
+    rtnl_attr_fd.reset(std::move(socket));
     if (error != 0) leave_locked();
     return error;
 }

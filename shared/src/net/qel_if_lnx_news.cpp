@@ -185,15 +185,19 @@ struct Watch {
 constinit Mutex news_mutex;
 
 struct News {
-    Socket rtnl_event_fd;
-    Socket dying;  // closed under whoever reads it, who puts an end to it
-    Room room;     // of whoever reads
+    netlink::StaticSocket rtnl_event_fd;
+    netlink::StaticSocket dying;  // closed under whoever reads it, who puts an end to it
+    std::byte* room;              // of whoever reads
     qel_queue watches;
     bool reading;
     bool word_left;  // for whoever reads: once more
     bool must_compare;
 };
 constinit News news QEL_GUARDED_BY(news_mutex){};
+
+void free_room_locked() QEL_REQUIRES(news_mutex) {
+    const Room old{std::exchange(news.room, nullptr)};
+}
 
 template <class Visit>
 void for_each_watch_locked(Visit visit) QEL_REQUIRES(news_mutex) {
@@ -237,7 +241,7 @@ class Turn {
             return false;
         }
         fd = news.rtnl_event_fd.get();
-        room = news.room.get();
+        room = news.room;
         must_compare = std::exchange(news.must_compare, false);
         return true;
     }
@@ -254,7 +258,7 @@ class Turn {
         is_mine_ = false;
         news.reading = false;
         news.dying.reset();
-        if (!news.rtnl_event_fd) news.room.reset();
+        if (!news.rtnl_event_fd) free_room_locked();
         for_each_watch_locked([](const Watch& watch) QEL_REQUIRES(news_mutex) {
             static_cast<void>(wait_locked(watch.dm));  // one that has gone hears no more
         });
@@ -293,8 +297,8 @@ cerrno event_socket_create_locked() QEL_REQUIRES(news_mutex) {
     Socket socket;
     if (cerrno error = netlink::event_socket_create(socket); error != 0)
         return unexpected_code<"IFERROR304">(error);
-    if (!news.reading) news.room = std::move(room);
-    news.rtnl_event_fd = std::move(socket);
+    if (!news.reading) news.room = room.release();
+    news.rtnl_event_fd.reset(std::move(socket));
     news.must_compare = true;
     return 0;
 }
@@ -302,10 +306,10 @@ cerrno event_socket_create_locked() QEL_REQUIRES(news_mutex) {
 // Closes it, or leaves that to whoever reads it; with one dying already, that is the one being read.
 void event_socket_destroy_locked() QEL_REQUIRES(news_mutex) {
     if (news.reading && !news.dying)
-        news.dying = std::move(news.rtnl_event_fd);
+        news.dying.reset(news.rtnl_event_fd.take());
     else
         news.rtnl_event_fd.reset();
-    if (!news.reading) news.room.reset();
+    if (!news.reading) free_room_locked();
 }
 
 bool is_watched_locked(qel_dm_handle dm) QEL_REQUIRES(news_mutex) {

@@ -20,6 +20,7 @@ static_assert(kGroups == 0x111);
 // Room for the news of some three thousand links; what a process without rights gets is less.
 constexpr int kEventRoom = 4 << 20;
 constexpr timeval kPatience{5, 0};
+constexpr int kMostForeign = 1000;  // datagrams in a row that aren't the kernel's
 
 cerrno open_socket(Socket& socket, std::uint32_t port, std::uint32_t groups, bool& is_bound) {
     socket.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
@@ -76,7 +77,7 @@ cerrno attr_socket_send_listreq(int fd) {
 }
 
 Arrival receive(int fd, bool wait, std::span<std::byte> room, std::span<const std::byte>& datagram) {
-    for (;;) {
+    for (int foreign = 0; foreign < kMostForeign;) {
         sockaddr_nl sender{};
         iovec piece{room.data(), room.size()};
         msghdr message{};
@@ -88,11 +89,15 @@ Arrival receive(int fd, bool wait, std::span<std::byte> room, std::span<const st
         if (size < 0 && errno == EINTR) continue;
         if (size < 0) return errno == ENOBUFS ? Arrival::lost : Arrival::nothing;
         if (size == 0) return Arrival::nothing;
-        if (sender.nl_pid != 0) continue;  // any process may write to the socket
+        if (sender.nl_pid != 0) {  // any process with the right to may write to the socket
+            ++foreign;
+            continue;
+        }
         if ((message.msg_flags & MSG_TRUNC) != 0) return Arrival::lost;
         datagram = std::span<const std::byte>{room.data(), static_cast<std::size_t>(size)};
         return Arrival::datagram;
     }
+    return Arrival::nothing;
 }
 
 }  // namespace qel::netlink

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <utility>
 
 #include "core/qel_owned.hpp"
 
@@ -18,6 +19,18 @@ inline constexpr std::size_t kDatagramSize = 32768;
 
 void close_socket(int fd);
 using Socket = Unique<int, close_socket, -1>;
+
+// A socket that a static holds: nobody closes it when the process ends, as threads may be in it still.
+class StaticSocket {
+  public:
+    explicit operator bool() const { return fd_ != -1; }
+    int get() const { return fd_; }
+    Socket take() { return Socket{std::exchange(fd_, -1)}; }
+    void reset(Socket socket = {}) { Socket old{std::exchange(fd_, socket.release())}; }
+
+  private:
+    int fd_ = -1;
+};
 
 // Opens the socket that dumps are asked for on.
 cerrno attr_socket_create(Socket& socket);
