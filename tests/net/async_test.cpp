@@ -106,7 +106,7 @@ TEST(Async, answers_before_its_start_and_refuses_nulls) {
 TEST_F(AsyncTest, hands_the_result_to_a_waiter_once) {
     const int threads = thread_count();
     EXPECT_EQ(qel_async_impl_init(0), 0u);
-    EXPECT_EQ(thread_count(), threads);
+    EXPECT_LE(thread_count(), threads);
     EXPECT_NE(qel_async_impl_get_qdm(), 0u);
 
     qel_async_future future;
@@ -153,10 +153,21 @@ TEST_F(AsyncTest, refuses_to_wait_for_a_callback_and_drops_a_discarded_job) {
     EXPECT_EQ(qel_async_impl_discard_ctx(operation), 0u);
     EXPECT_EQ(freed, 1);
     EXPECT_EQ(provide(future.op_id, 0), kNone);
+    qel_async_future heir;  // another operation under the ID that the job has
+    while ((operation = start(heir)) != nullptr && heir.op_id != future.op_id)
+        EXPECT_EQ(qel_async_impl_discard_ctx(operation), 0u);
     gate = 1;
     EXPECT_EQ(provide(blocker_future.op_id, 0), 0u);
     cerrno status = 0;
     EXPECT_EQ(fetch(blocker_future, status), 0u);
+    EXPECT_TRUE(eventually([] { return in_use() == 1; })) << "the heir";
+    qel_async_ctx* last = start(blocker_future);
+    EXPECT_EQ(qel_async_impl_submit(
+                  last, nullptr, [](qel_async_ctx*, void*) { gate = 2; }, nullptr),
+              0u);
+    EXPECT_TRUE(eventually([] { return gate == 2; }));
+    EXPECT_EQ(fetch(blocker_future, status), 0u);
+    EXPECT_EQ(fetch(heir, status), 0u);
     EXPECT_TRUE(eventually([] { return in_use() == 0; }));
     EXPECT_EQ(ran, 0);
 }

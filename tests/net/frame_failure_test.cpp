@@ -214,6 +214,23 @@ TEST_F(FrameTest, loses_queued_results_with_their_client) {
     EXPECT_EQ(TestFrame::submit(client, qdm, late), 0xa0000016u);
 }
 
+TEST_F(FrameTest, leaves_the_next_operation_of_an_id_alone) {
+    const std::uint32_t client = bind(qdm), other = bind(0);
+    const qel_async_future fetched = start(client, call_back);
+    EXPECT_EQ(report(fetched, 0), 0u);
+    cerrno status = 0;
+    EXPECT_EQ(fetch(fetched, status), 0u) << "before its callback";
+    qel_async_future heir{};
+    while ((heir = start(other, nullptr)).op_id != fetched.op_id) {
+        EXPECT_EQ(report(heir, 0), 0u);
+        EXPECT_EQ(fetch(heir, status), 0u);
+    }
+    EXPECT_EQ(unbind(client), 0u);
+    EXPECT_EQ(report(heir, 0), 0u);
+    EXPECT_EQ(fetch(heir, status), 0u);
+    EXPECT_EQ(unbind(other), 0u);
+}
+
 TEST_F(FrameTest, ends_an_operation_whose_result_cannot_be_told) {
     const std::uint32_t client = bind(qdm);
     qel_async_future future = start(client, call_back);
@@ -247,9 +264,12 @@ TEST_F(FrameTest, start_ends_what_no_handler_takes) {
     auto begin = [&](bool has_async, cerrno answer) {
         qel_async_future future{};
         const Order order{client, 0, nullptr, kOpcode, &request, &future};
+        auto prepare = [&](Operation&) {
+            EXPECT_EQ(report(future, 0), 0xa0000002u) << "meant for an earlier one of the ID";
+            return prepared;
+        };
         const cerrno error = TestFrame::start(
-            *bound, order, [&](Operation&) { return prepared; }, has_async,
-            [&](Operation&) { return answer; }, nullptr, nullptr);
+            *bound, order, prepare, has_async, [&](Operation&) { return answer; }, nullptr, nullptr);
         EXPECT_EQ(operations(), 0u);
         return error;
     };

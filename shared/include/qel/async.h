@@ -98,11 +98,13 @@ struct qel_async_ctx {
     uint32_t state;                /**< 0 while the result is outstanding, then 1 */
     uint8_t native_sync;           /**< 1 when a synchronous handler runs the operation */
     uint8_t ended;                 /**< 1 when somebody has taken on to drop the operation's own reference */
-    uint8_t reserved[2];           /**< 0 */
+    uint8_t begun;                 /**< 1 when it is complete and goes to a shim, which may answer */
+    uint8_t reserved;              /**< 0 */
     uint32_t op_id;                /**< as in the future */
     uint32_t opcode;               /**< as in the future */
     qel_async_callback callback;   /**< from the request */
     uint32_t user_id;              /**< from the request */
+    uint32_t serial;               /**< the library's own: another one for each operation of an ID */
     uintptr_t cookie;              /**< from the request */
     qel_async_postamble postamble; /**< of qel_async_impl_submit(), or null */
     qel_async_handler handler;     /**< of qel_async_impl_submit() */

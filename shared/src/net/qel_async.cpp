@@ -101,13 +101,22 @@ void trace_stop() {
 // Set on the thread for synchronous handlers: what waits behind a handler can't be waited for in it.
 thread_local constinit bool runs_sync_handler = false;
 
-// A job carries the ID alone: an operation that was ended meanwhile isn't found.
-void async_impl_execute_native_sync(qel_dm_handle, std::uint64_t argument, std::uint64_t op_id) {
+// A job names its operation by the ID and, in the upper half, the serial number: an operation that was ended
+// meanwhile isn't found, and another one under its ID isn't mistaken for it.
+constexpr int kSerialShift = 32;
+
+std::uint64_t name_of(const Operation& operation) {
+    return std::uint64_t{operation.serial} << kSerialShift | operation.op_id;
+}
+
+void async_impl_execute_native_sync(qel_dm_handle, std::uint64_t argument, std::uint64_t name) {
     Operation* operation = nullptr;
-    if (qel_async_impl_op_guard(static_cast<std::uint32_t>(op_id), &operation) != 0) return;
-    runs_sync_handler = true;
-    operation->handler(operation, reinterpret_cast<void*>(argument));
-    if (operation->postamble != nullptr) operation->postamble(operation);
+    if (qel_async_impl_op_guard(static_cast<std::uint32_t>(name), &operation) != 0) return;
+    if (name_of(*operation) == name) {
+        runs_sync_handler = true;
+        operation->handler(operation, reinterpret_cast<void*>(argument));
+        if (operation->postamble != nullptr) operation->postamble(operation);
+    }
     static_cast<void>(qel_async_impl_op_yield(operation));  // reported there
 }
 
@@ -187,7 +196,7 @@ cerrno qel_async_impl_submit(qel_async_ctx* operation, qel_async_postamble posta
     operation->postamble = postamble;
     operation->handler = handler;
     const int error = qel_dm_execute(sync_qdm.load(), async_impl_execute_native_sync,
-                                     reinterpret_cast<std::uint64_t>(argument), op_id);
+                                     reinterpret_cast<std::uint64_t>(argument), name_of(*operation));
     if (error == 0) return 0;
     return failed<"ADERROR021", "ERROR: %s: Failed to submit async operation ID 0x%x opcode %d, '%s'">(
         fatal(error), op_id, opcode, cerr_strerror(static_cast<cerrno>(error)));

@@ -18,7 +18,8 @@ using Operation = qel_async_ctx;
 
 static_assert(sizeof(Operation) == 256 && offsetof(Operation, native_sync) == 4);
 static_assert(offsetof(Operation, op_id) == 8 && offsetof(Operation, callback) == 16);
-static_assert(offsetof(Operation, cookie) == 32 && offsetof(Operation, destructor) == 56);
+static_assert(offsetof(Operation, serial) == 28 && offsetof(Operation, cookie) == 32 &&
+              offsetof(Operation, destructor) == 56);
 static_assert(offsetof(Operation, lock) == 64 && offsetof(Operation, cond) == 104);
 static_assert(offsetof(Operation, client_qdm) == 152 && offsetof(Operation, client_handle) == 160);
 static_assert(offsetof(Operation, op_status) == 176 && offsetof(Operation, shim) == 184);

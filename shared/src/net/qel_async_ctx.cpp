@@ -86,6 +86,8 @@ cerrno take_id(std::uint32_t opcode, Operation& operation) {
         error, opcode, cerr_strerror(error), static_cast<const char*>(CountText{}.text));
 }
 
+constinit std::atomic<std::uint32_t> next_serial{0};
+
 Operation* make_operation(std::uint32_t opcode, const qel_async_req& request) {
     Owned<Operation> made = allocate_zeroed<Operation>(QEL_MEM_ASYNC);
     if (!made) return nullptr;
@@ -95,6 +97,7 @@ Operation* make_operation(std::uint32_t opcode, const qel_async_req& request) {
     made->callback = request.callback;
     made->user_id = request.user_id;
     made->cookie = request.cookie;
+    made->serial = next_serial.fetch_add(1, std::memory_order_relaxed);
     return made.release();
 }
 

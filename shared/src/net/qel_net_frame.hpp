@@ -62,10 +62,10 @@ struct EventLine {
 
 // What travels through a client's queue. A family's own jobs begin with it.
 struct Job {
-    void* link;          // of the queue; 0 when it is put there
-    std::uint32_t type;  // kResultJob, or the family's
-    std::uint32_t zero;
-    void (*handler)();  // the client's callback
+    void* link;            // of the queue; 0 when it is put there
+    std::uint32_t type;    // kResultJob, or the family's
+    std::uint32_t serial;  // of the operation: its ID may be another's by now
+    void (*handler)();     // the client's callback
     union {
         qel_async_future future;  // of a result
         std::uint64_t words[3];   // of the family's own types
@@ -156,7 +156,7 @@ class Frame {
         while (auto* job = static_cast<Job*>(qel_queue_dequeue(&dropped))) {
             Owned<Job> owned{job};
             if (job->type == kResultJob)
-                end_undelivered(job->future);
+                end_undelivered(*job);
             else
                 Family::drop(*job);
             ++count;
@@ -176,7 +176,8 @@ class Frame {
             static_cast<void>(qel_async_impl_unlock_op(&operation));
             return fatal(EALREADY);
         }
-        if (std::atomic_ref{operation.ended}.load() != 0) {  // discarded while the shim was at it
+        // Discarded while the shim was at it, or meant is an earlier one of this ID.
+        if (std::atomic_ref{operation.ended}.load() != 0 || std::atomic_ref{operation.begun}.load() == 0) {
             static_cast<void>(qel_async_impl_unlock_op(&operation));
             return fatal(ENOENT);
         }
@@ -277,6 +278,7 @@ class Frame {
     template <class Async>
     static cerrno hand_over(Operation& operation, bool has_async, Async async, qel_async_handler sync,
                             void* argument) {
+        std::atomic_ref{operation.begun}.store(1);
         if (has_async) {
             Family::say_async_starting(operation);
             return async(operation);
@@ -311,6 +313,7 @@ class Frame {
 
     static void fill(Job& job, const Operation& operation) {
         job.type = kResultJob;
+        job.serial = operation.serial;
         job.handler = reinterpret_cast<void (*)()>(operation.callback);
         job.future = {operation.op_id, operation.opcode, operation.user_id, operation.cookie};
     }
@@ -347,11 +350,15 @@ class Frame {
     }
 
     // Ends the operation of a result that its client will not see.
-    static void end_undelivered(const qel_async_future& future) {
+    static void end_undelivered(const Job& job) {
         Operation* operation = nullptr;
-        if (cerrno error = qel_async_impl_retain_and_lock_ctx(future.op_id, &operation); error != 0)
-            return Family::say_gone(future, error);
-        qel_async_impl_withdrawn_ctx(operation);
+        cerrno error = qel_async_impl_retain_and_lock_ctx(job.future.op_id, &operation);
+        if (error == 0 && operation->serial == job.serial) return qel_async_impl_withdrawn_ctx(operation);
+        if (error == 0) {
+            static_cast<void>(qel_async_impl_release_and_unlock_ctx(operation));  // reported there
+            error = fatal(ENOENT);
+        }
+        Family::say_gone(job.future, error);
     }
 };
 
