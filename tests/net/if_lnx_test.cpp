@@ -285,8 +285,8 @@ TEST_F(IfLnx, clients_share_one_table_and_leave_nothing) {
         ASSERT_TRUE(links->add("x") && links->remove("x"));
         EXPECT_TRUE(two.dispatch_until([&] { return heard.deleted == 1; }));
     }
-    EXPECT_EQ(open_descriptors(), descriptors);
-    EXPECT_EQ(thread_count(), threads);
+    EXPECT_LE(open_descriptors(), descriptors);
+    EXPECT_TRUE(eventually([&] { return thread_count() <= threads; }));
 }
 
 // The last one: what it leaves to the kernel to clear away takes its time.

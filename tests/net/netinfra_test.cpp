@@ -4,12 +4,14 @@
 #include <qel/async.h>
 #include <qel/netinfra.h>
 
+#include <atomic>
 #include <thread>
 
 using namespace qel_test;
 
 TEST(Netinfra, starts_and_stops_once_each_and_again) {
-    std::thread{[] {}}.join();  // a sanitizer's own thread comes with the first
+    std::atomic<bool> over = false;
+    std::thread first([&] { over.wait(false); });  // a sanitizer's own thread comes with it
     const int threads = thread_count();
     EXPECT_EQ(qel_netinfra_fini(), 0xa0000002u);
     for (int round = 0; round < 3; ++round) {
@@ -24,6 +26,9 @@ TEST(Netinfra, starts_and_stops_once_each_and_again) {
         EXPECT_TRUE(eventually([&] { return thread_count() == threads; }));
     }
     EXPECT_EQ(qel_netinfra_fini(), 0xa0000002u);
+    over = true;
+    over.notify_one();
+    first.join();
 }
 
 TEST(Netinfra, keeps_the_first_dispatcher) {
