@@ -240,10 +240,12 @@ Exit show_interface(const Run& run, const std::string& name) {
 // --- watch
 
 // What was heard and not printed yet. The service calls on the dispatcher's thread, the tool prints on its
-// own.
+// own. It outlives both: a callback that has begun goes on while its client ends.
 class Ear {
   public:
-    explicit Ear(std::uint32_t app) : app_(app) {
+    Ear() = default;
+    void listen(std::uint32_t app) {
+        app_ = app;
         for (std::uint64_t ifh : find_interfaces(app)) names_[ifh] = name_of(ifh);
         qel_if_event_cb_vector vector{};
         vector.created = [](std::uint64_t ifh, std::uint32_t, std::uint64_t ear) {
@@ -280,7 +282,7 @@ class Ear {
         if (*event == 'd') names_.erase(ifh);
     }
 
-    std::uint32_t app_;
+    std::uint32_t app_ = 0;
     std::mutex mutex_;
     std::map<std::uint64_t, std::string> names_;
     std::vector<Json> heard_;
@@ -319,9 +321,10 @@ constexpr std::chrono::milliseconds kBetweenLooks{20};
 Exit watch_interfaces(const Run& run, std::uint64_t count) {
     OwnRoot root{run.root};
     Outlet outlet;
+    Ear ear;
     Dispatcher dispatcher;
     Client client{dispatcher.handle()};
-    Ear ear{client.app()};
+    ear.listen(client.app());
     for (std::uint64_t shown = 0; !outlet.ended() && (count == 0 || shown < count);
          outlet.wait(kBetweenLooks)) {
         for (const Json& event : ear.take()) {
