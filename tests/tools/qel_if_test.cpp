@@ -47,13 +47,18 @@ TEST_F(QelIf, watches_links_come_and_go) {
     ASSERT_NE(tool_output, nullptr);
     // The tool listens at some time after its start: links come and go until it has heard enough.
     std::string heard;
+    std::atomic<int> lines = 0;
     std::thread reader([&] {
         char part[256];
-        while (std::fgets(part, sizeof(part), tool_output) != nullptr) heard += part;
+        for (; std::fgets(part, sizeof(part), tool_output) != nullptr; ++lines) heard += part;
     });
     std::atomic<bool> stop = false;
     std::thread churn([&] {
-        while (!stop) links->add("come") && links->remove("come");
+        while (!stop && links->add("come")) {
+            const int before = lines;  // a link that has gone can't be asked for its name
+            eventually([&] { return stop || lines != before; }, 200ms);
+            links->remove("come");
+        }
     });
     reader.join();
     stop = true;
