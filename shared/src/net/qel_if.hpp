@@ -19,8 +19,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "net/qel_if_pool.hpp"
 #include "net/qel_net_frame.hpp"
+#include "net/qel_net_pool.hpp"
+#include "net/qel_net_report.hpp"
 
 // A client. What a bind sets doesn't change after it, and is read without a lock.
 struct qel_if_client {
@@ -81,21 +82,11 @@ const void* address_of(Function* function) {
 // A label in quote marks, as some texts have it.
 template <FixedText Label>
 consteval auto quoted() {
-    constexpr std::size_t kLength = sizeof(Label.text) - 1;
-    char text[kLength + 3]{'"'};
-    for (std::size_t i = 0; i < kLength; ++i) text[i + 1] = Label.text[i];
-    text[kLength + 1] = '"';
-    return FixedText<kLength + 3>{text};
+    return joined<"\"", Label, "\"">();
 }
 
-template <FixedText Label>
-cerrno invalid_arguments() {
-    return failed<Label, "ERROR: %s: invalid arguments">(fatal(EINVAL));
-}
-template <FixedText Label>
-cerrno invalid_client(std::uint32_t app) {
-    return failed<Label, "ERROR: %s: invalid app handle, apph=0x%x">(fatal(EINVAL), app);
-}
+using net::invalid_arguments;
+using net::invalid_client;
 template <FixedText Label>
 cerrno invalid_interface(std::uint64_t ifh) {
     return failed<Label, "ERROR: %s: invalid if handle, ifh=0x%x">(fatal(EINVAL),
@@ -103,12 +94,11 @@ cerrno invalid_interface(std::uint64_t ifh) {
 }
 template <FixedText Label>
 cerrno no_memory() {
-    return failed<quoted<Label>(), "ERROR: %s: memory allocation failure">(fatal(ENOMEM));
+    return net::no_memory<quoted<Label>()>();
 }
 template <FixedText Label>
 cerrno unexpected_code(cerrno code) {
-    return failed<quoted<Label>(), "ERROR: %s: unexpected return code, rc=%d (%s)">(code, code,
-                                                                                    cerr_strerror(code));
+    return net::unexpected_code<quoted<Label>()>(code);
 }
 template <FixedText Label>
 cerrno unexpected_shim_code(std::uint32_t shim, cerrno code) {
@@ -122,6 +112,24 @@ cerrno unsupported(std::uint32_t shim, std::uint32_t app) {
 }
 
 // --- Clients
+
+// Guards making and taking down of the pools, and the context databases.
+extern constinit Mutex if_gbl_mutex;
+
+// The clients, and their registrations for events.
+extern constinit net::HandlePool app_id_pool;
+extern constinit net::HandlePool reg_id_pool;
+
+// The shape of a pool with 'PerBind' IDs for each client that there may be.
+std::uint32_t max_binds();
+void say_creating_pool(const char* name, std::uint32_t ids);
+cerrno failed_in_pool(cerrno error);
+template <std::uint32_t PerBind>
+constexpr net::HandlePool::Shape pool_shape(const char* name, int no_randomize,
+                                            void (*free)(void* object, void*)) {
+    auto ids = [] { return std::uint64_t{max_binds()} * PerBind; };
+    return {name, &if_gbl_mutex, ids, no_randomize, free, say_creating_pool, failed_in_pool};
+}
 
 constexpr std::uint32_t kMaxJobs = 128;  // of a client's queue, which doesn't enforce it
 

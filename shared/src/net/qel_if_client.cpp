@@ -8,6 +8,7 @@
 #include <qel/base.h>
 #include <qel/if.h>
 #include <qel/if_layer.h>
+#include <qel/ppm.h>
 
 #include <cerrno>
 
@@ -90,7 +91,23 @@ cerrno bind(std::uint32_t* app, const char* name, qel_if_bind_attr& attr) {
 
 }  // namespace
 
-constinit IfPool app_id_pool{{"QEL IF Application Handle Pool", 1, 0, app_ctx_destructor}};
+constinit Mutex if_gbl_mutex;
+constinit net::HandlePool app_id_pool{pool_shape<1>("QEL IF Application Handle Pool", 0, app_ctx_destructor)};
+
+std::uint32_t max_binds() {
+    constexpr std::uint32_t kDefault = 16;
+    std::uint32_t binds = kDefault;
+    static_cast<void>(qel_ppm_get_integer("qel.if.max.bind", kDefault, &binds));  // then it is the default
+    return binds;
+}
+
+void say_creating_pool(const char* name, std::uint32_t ids) {
+    if_event<"IFEVENT001", "%s: Creating ID pool '%s' of size %d">(name, ids);
+}
+
+cerrno failed_in_pool(cerrno error) {
+    return unexpected_code<"IFERROR001">(error);
+}
 
 qel_dt_buffer_handle IfTrace::buffer() {
     return buffer_at(qel_if_event_buffer, kEvents);

@@ -343,7 +343,8 @@ std::byte* copies_of(net::Job& job) {
 
 }  // namespace
 
-constinit IfPool reg_id_pool{{"QEL IF Event Registration Handle Pool", 16, 1, reg_ctx_destructor}};
+constinit net::HandlePool reg_id_pool{
+    pool_shape<16>("QEL IF Event Registration Handle Pool", 1, reg_ctx_destructor)};
 
 std::uint32_t event_of_attribute(std::uint32_t attr) {
     std::uint32_t cbid = 0;

@@ -28,6 +28,18 @@ struct FixedText {
     }
 };
 
+// Texts, one behind the other, as one.
+template <FixedText... Parts>
+consteval auto joined() {
+    char text[(sizeof(Parts.text) + ... + 1) - sizeof...(Parts)]{};
+    std::size_t at = 0;
+    auto append = [&](const auto& part) {
+        for (std::size_t i = 0; i + 1 < sizeof(part.text); ++i) text[at++] = part.text[i];
+    };
+    (append(Parts), ...);
+    return FixedText{text};
+}
+
 // What a conversion takes from the argument list.
 enum class ValueKind : std::uint8_t { none, word32, word64, string };
 

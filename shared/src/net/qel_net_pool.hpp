@@ -1,11 +1,11 @@
-// The ID pools of the interface service: one is there only while it has IDs, so that the parameter that gives
-// its size is read anew by the first client after none.
+// The ID pools of services: one is there only while it has IDs, so that what gives its size is asked anew by
+// the first client after none.
 //
 // A lookup may be in the pool while the destructor of its last ID takes it down. Lookups therefore are
 // counted, and whoever takes the pool down waits until those that might still see it have left: they take no
 // lock and call nobody, so that is soon. Who holds a reference needs no such care: the pool has its ID.
 //
-// Locks: if_gbl_mutex guards making, the first ID included, and taking down. Threads: any.
+// Locks: the service's mutex guards making, the first ID included, and taking down. Threads: any.
 #pragma once
 
 #include <qel/idm.h>
@@ -16,21 +16,21 @@
 #include "containers/qel_idm.hpp"
 #include "core/qel_lock.hpp"
 
-namespace qel::interfaces {
+namespace qel::net {
 
-// Also guards the context databases.
-extern constinit Mutex if_gbl_mutex;
-
-class IfPool {
+class HandlePool {
   public:
     struct Shape {
         const char* name;
-        std::uint32_t ids_per_bind;  // times the parameter "qel.if.max.bind"
+        Mutex* mutex;
+        std::uint64_t (*ids)();  // how many there are to be
         int no_randomize;
         void (*free)(void* object, void*);  // must end with free_if_empty()
+        void (*say_creating)(const char* name, std::uint32_t ids);
+        cerrno (*failed)(cerrno error);  // reports it, and gives the result
     };
 
-    explicit constexpr IfPool(const Shape& shape) : shape_(shape) {}
+    explicit constexpr HandlePool(const Shape& shape) : shape_(shape) {}
 
     // An ID for 'object', in a new pool if there is none. On failure no empty pool stays.
     cerrno get_id(void* object, std::uint32_t* id);
@@ -57,7 +57,7 @@ class IfPool {
 
   private:
     struct Lookup {
-        explicit Lookup(IfPool& owner) : in_progress(owner.lookups_) {
+        explicit Lookup(HandlePool& owner) : in_progress(owner.lookups_) {
             in_progress.fetch_add(1);
             pool = owner.pool_.load();
         }
@@ -74,16 +74,12 @@ class IfPool {
         Lookup lookup{*this};
         return Retained<T>{idm::retain_next(lookup.pool, id, &id)};
     }
-    cerrno make_locked() QEL_REQUIRES(if_gbl_mutex);
-    void free_if_empty_locked() QEL_REQUIRES(if_gbl_mutex);
+    cerrno make_locked() QEL_REQUIRES(*shape_.mutex);
+    void free_if_empty_locked() QEL_REQUIRES(*shape_.mutex);
 
     Shape shape_;
     std::atomic<std::uint32_t> pool_{QEL_IDM_NO_POOL};
     std::atomic<std::uint32_t> lookups_{0};
 };
 
-// The clients, and their registrations for events.
-extern constinit IfPool app_id_pool;
-extern constinit IfPool reg_id_pool;
-
-}  // namespace qel::interfaces
+}  // namespace qel::net
