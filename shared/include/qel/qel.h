@@ -32,6 +32,8 @@
 #include <qel/mem_vchunk.h>
 #include <qel/mgd_timer.h>
 #include <qel/netinfra.h>
+#include <qel/pak.h>
+#include <qel/pak_ctx.h>
 #include <qel/ppm.h>
 #include <qel/ptimer.h>
 #include <qel/queue.h>
