@@ -44,10 +44,12 @@
 #include <qel/sep.h>
 #include <qel/shm.h>
 #include <qel/sm.h>
+#include <qel/sysinfo.h>
 #include <qel/thread.h>
 #include <qel/time.h>
 #include <qel/tw.h>
 #include <qel/types.h>
+#include <qel/vrf.h>
 #include <qel/wavl.h>
 
 #endif
