@@ -296,8 +296,13 @@ Verdict judge() {
             auto is = [row](std::uint8_t bit) { return (row & bit) != 0; };
             found.sent += is(kSent);
             found.heard += is(kHeard);
-            found.lost += is(kSent) && !is(kGot) && !is(kWentWithTheDead);
-            found.lost_replies += is(kAnswered) && !is(kHeard) && !is(kWentWithTheDead) && !is(kGaveUp);
+            const bool lost = is(kSent) && !is(kGot) && !is(kWentWithTheDead);
+            const bool lost_reply = is(kAnswered) && !is(kHeard) && !is(kWentWithTheDead) && !is(kGaveUp);
+            if (lost || lost_reply)
+                std::fprintf(stderr, "lost: message %u of %u by sender %u, known of it: 0x%x\n", number,
+                             book->next[sender].load(), sender, row);
+            found.lost += lost;
+            found.lost_replies += lost_reply;
             found.twice += is(kTwice);
         }
     }

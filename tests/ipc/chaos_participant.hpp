@@ -128,7 +128,10 @@ inline void serve(qel_ipc_handle ipc, qel_ipc_msg msg) {
         return;
     }
     void* answer = nullptr;
-    if (qel_ipc_msg_alloc_reply_buffer(msg, length, &answer) == 0) fill(answer, body);
+    if (qel_ipc_msg_alloc_reply_buffer(msg, length, &answer) == 0)
+        fill(answer, body);
+    else
+        note(body.sender, body.number, kGaveUp);  // a reply without data doesn't say to what
     if (qel_ipc_reply(ipc, nullptr, msg, 0) == 0)
         note(body.sender, body.number, kAnswered);
     else
