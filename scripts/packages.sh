@@ -6,8 +6,8 @@
 
 packages_build="g++ cmake ninja-build"
 packages_tool="libcli11-dev libfmt-dev nlohmann-json3-dev"
-packages_demo="iproute2 gnuplot-nox libuv1-dev libevent-dev pkg-config"
-packages_test="libgtest-dev libgmock-dev pkg-config python3 iproute2 spin"
+packages_demo="libpcap-dev iproute2 gnuplot-nox libuv1-dev libevent-dev pkg-config"
+packages_test="libgtest-dev libgmock-dev libpcap-dev pkg-config python3 iproute2 spin"
 packages_lint="clang clang-format git python3"
 packages_fuzz="clang libclang-rt-dev"
 packages_docs="doxygen"

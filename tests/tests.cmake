@@ -66,6 +66,13 @@ if(TARGET shim_loop)
     add_test(NAME project.shim_loop COMMAND ${QEL_PROJECT_TESTS}/shim_loop_test.sh $<TARGET_FILE:shim_loop>)
     set_tests_properties(project.shim_loop PROPERTIES TIMEOUT 60)
 endif()
+if(TARGET pakdump)
+    find_package(PkgConfig REQUIRED)
+    pkg_check_modules(libpcap REQUIRED IMPORTED_TARGET libpcap)
+    target_link_libraries(pakdump_test PRIVATE PkgConfig::libpcap)
+    target_compile_definitions(pakdump_test PRIVATE QEL_PAKDUMP="$<TARGET_FILE:pakdump>")
+    add_dependencies(pakdump_test pakdump)
+endif()
 
 # The tool is run as its users do; without it there is nothing to test.
 if(TARGET qel_tool)
