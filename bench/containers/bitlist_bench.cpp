@@ -7,12 +7,12 @@
 
 #include <algorithm>
 #include <bitset>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <random>
 
 #include "support/beside.hpp"
+#include "support/cycles.hpp"
 
 namespace {
 
@@ -37,39 +37,15 @@ struct Set {
     Peer peer;
 };
 
-using Clock = std::chrono::steady_clock;
-
-template <class Work>
-double seconds(Work work) {
-    const auto start = Clock::now();
-    work();
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// What a cycle takes: a multiplication that waits for the one before it takes three.
-double seconds_a_cycle() {
-    constexpr int kCount = 3000;
-    double fastest = 1;
-    std::uint64_t product = 3, factor = 5;
-    for (int repeat = 0; repeat < 3000; ++repeat)
-        fastest = std::min(fastest, seconds([&] {
-                               for (int i = 0; i < kCount; ++i) {
-                                   product *= factor;
-                                   asm volatile("" : "+r"(product), "+r"(factor));
-                               }
-                           }));
-    return fastest / (3 * kCount);
-}
-
 // Repeats each of the two, and tells the fastest batch of ours in bytes a cycle.
 template <class Ours, class Theirs>
 void measure(benchmark::State& state, Ours ours, Theirs theirs) {
-    static const double cycle = seconds_a_cycle();
+    static const double cycle = qel_bench::seconds_a_cycle();
     double fastest = 1;
     qel_bench::beside(
         state, kRepeats,
         [&] {
-            fastest = std::min(fastest, seconds([&] {
+            fastest = std::min(fastest, qel_bench::seconds([&] {
                                    for (std::size_t i = 0; i < kRepeats; ++i) ours();
                                }));
         },
