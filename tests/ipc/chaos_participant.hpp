@@ -148,6 +148,7 @@ inline void on_server_event(qel_ipc_handle ipc, std::uint32_t, void*) {
 inline std::uint32_t me;  // 1 to kClients
 inline std::uint32_t on_their_way;
 inline std::atomic<qel_ipc_handle> channel;
+inline std::atomic<std::uint32_t> closings;
 inline qel_dm_handle dispatcher;
 
 // A new message, filled and tried; false without one.
@@ -175,8 +176,9 @@ inline bool send_one(qel_ipc_handle ipc) {
     return true;
 }
 
-// A reply without data comes from a server that found no memory for it.
-inline void hear(qel_ipc_msg msg, std::uint32_t sender) {
+// False for a reply without data: it comes from a server that found no memory for it, or its channel has
+// closed.
+inline bool hear(qel_ipc_msg msg, std::uint32_t sender) {
     void* data = nullptr;
     std::uint32_t length = 0;
     Body body{};
@@ -185,6 +187,7 @@ inline void hear(qel_ipc_msg msg, std::uint32_t sender) {
     if (length != 0) note(body.sender, body.number, kHeard);
     book->got[me].fetch_add(1);
     qel_ipc_msg_free(&msg);
+    return length != 0;
 }
 
 inline void on_client_event(qel_ipc_handle ipc, std::uint32_t events, void*) {
@@ -203,13 +206,15 @@ inline bool converse_once(std::uint32_t sender) {
     qel_ipc_handle ipc = channel.load();
     qel_ipc_msg msg, reply = 0;
     Body body;
+    std::uint32_t closings_before = closings.load();
     if (ipc == 0 || !begin_message(ipc, sender, msg, body)) return false;
     qel_ipc_send_attr attr;
     qel_ipc_send_attr_init(&attr);
     attr.timeout_ms = kSyncTimeoutMs;
     if (qel_ipc_sync_send(ipc, &attr, msg, &reply, nullptr) == 0) {
         note(sender, body.number, kSent);
-        hear(reply, sender);
+        // The other thread may have closed the channel between the reply's arrival and its reading.
+        if (!hear(reply, sender) && closings.load() != closings_before) note(sender, body.number, kGaveUp);
     } else {
         note(sender, body.number, kGaveUp);
         qel_ipc_msg_free(&msg);  // Unless it is on its way.
@@ -241,6 +246,7 @@ inline qel_ipc_handle open_until_it_works(std::uint32_t who) {
 
 inline void close_and_open() {
     give_up_all(me - 1);
+    closings.fetch_add(1);
     qel_ipc_handle ipc = channel.exchange(0);
     if (qel_ipc_close(&ipc) != 0) book->broken.store(1);
     book->closes.fetch_add(1);
