@@ -256,6 +256,14 @@ TEST(RedBlackTree, a_full_tree_and_foreign_nodes_are_refused) {
     fill(other.get(), 3);
     EXPECT_EQ(qel_rbtree_delete(other.get(), nodes[100]), nullptr);
     EXPECT_EQ(qel_rbtree_valid(tree.get(), 1, "full"), 1);
+    // The free list takes more than its counter can tell.
+    for (auto* node : nodes) EXPECT_EQ(qel_rbtree_delete(tree.get(), node), node);
+    fill(tree.get(), 1);
+    EXPECT_NE(qel_rbtree_delete(tree.get(), tree->root), nullptr);
+    EXPECT_EQ(tree->free, 65'535u);
+    EXPECT_EQ(qel_rbtree_free_node_count(tree.get()), 65'536u);
+    EXPECT_TRUE(qel_rbtree_node_deleted(tree.get(), nodes[0]));
+    EXPECT_EQ(qel_rbtree_valid(tree.get(), 1, "emptied"), 1);
     EXPECT_EQ(qel_rbtree_create("tests", nullptr, "set", nullptr), nullptr);
     EXPECT_EQ(qel_rbtree_get_size(nullptr), UINT32_MAX);
 }

@@ -25,7 +25,7 @@
  * protects a node may go on reading it after its deletion. A node from the free list enters a tree again only
  * by way of qel_rbtree_get_free_node(). Nodes that don't come from malloc(3) must stay protected.
  *
- * A tree holds at most 65,535 nodes, and as many deleted ones.
+ * A tree holds at most 65,535 nodes; of deleted ones any number.
  *
  * Threads: there are no locks in here, and trees share nothing that changes. The caller makes sure that one
  * thread at a time uses a tree, searches included, since they count; different trees are independent.
@@ -75,7 +75,7 @@ typedef struct qel_rbtree {
     qel_rbtree_node* free_list;         /**< the deleted nodes, the latest first; the sentinel when empty */
     const char* last_error;             /**< static text of the last failed check, or null */
     uint16_t active;                    /**< nodes in the tree */
-    uint16_t free;                      /**< nodes on the free list */
+    uint16_t free;                      /**< nodes on the free list, 65,535 also for more */
     uint16_t inserted;                  /**< insertions */
     uint16_t deleted;                   /**< deletions */
     uint16_t rotations;                 /**< rotations */
@@ -129,8 +129,8 @@ QEL_API qel_rbtree_node* qel_rbtree_int_insert(uint16_t low, uint16_t high, qel_
                                                qel_rbtree_node* node);
 
 /** Takes 'node' out of 'tree' and puts it on the free list. Its key and its protection stay.
- * Returns the node; null for a null argument, a node that was deleted before or is another tree's, and while
- * the free list has 65,535 nodes, all of which change nothing. */
+ * Returns the node; null for a null argument and a node that was deleted before or is another tree's, all of
+ * which change nothing. */
 QEL_API qel_rbtree_node* qel_rbtree_delete(qel_rbtree* tree, qel_rbtree_node* node);
 
 /** The repair of a deletion: restores the balance where one black node too few lies on the ways through
@@ -161,9 +161,10 @@ QEL_API qel_rbtree_node* qel_rbtree_next_node(qel_rbtree_node* node);
 
 /** Calls 'function' with each node in order; what it returns doesn't matter.
  *
- * The function may insert, and delete any node, also the one that it visits: deleted nodes aren't visited.
- * With 'protect' the node visited and the one behind it are protected during the call, so that it may trim
- * the free list, too. It may end its thread, but not destroy the tree.
+ * The function may insert, and delete the node that it visits, but not the one behind. With 'protect' these
+ * two are protected during the call, and it may delete any node and trim the free list, too: deleted nodes
+ * aren't visited. It may end its thread, but not destroy the tree. Protected walks of one tree end in the
+ * reverse of the order in which they began; others write nothing to the tree.
  *
  * Returns 1; 0 for a null tree or function. */
 QEL_API int qel_rbtree_for_each_node(qel_rbtree_visit function, void* context, qel_rbtree* tree,

@@ -19,7 +19,7 @@ using RbNode = qel_rbtree_node;
 
 constexpr std::uint32_t kRed = 0;
 constexpr std::uint32_t kBlack = 1;
-constexpr std::uint32_t kMaxNodes = UINT16_MAX;  // of the counters 'active' and 'free'
+constexpr std::uint32_t kMaxNodes = UINT16_MAX;  // of the counter 'active'
 
 static_assert(offsetof(RbNode, next) == 32 && offsetof(RbNode, key) == 48 && offsetof(RbNode, size) == 64 &&
               offsetof(RbNode, refs) == 72 && sizeof(RbNode) == 80);
@@ -34,7 +34,7 @@ inline RbNode* nil() {
     return &rb_nil;
 }
 
-// A running qel_rbtree_for_each_node(), on its stack.
+// A running qel_rbtree_for_each_node() that protects, on its stack.
 struct RbWalk {
     RbNode* next;   // the node to visit next, or null; a deletion of just that one moves it on
     RbWalk* outer;  // the walk in whose function this one runs
@@ -42,12 +42,23 @@ struct RbWalk {
 
 // The record that qel_rbtree_create() allocates; 'full_name' lies behind it.
 struct RbTree : qel_rbtree {
-    RbWalk* walks;            // the innermost running walk
-    std::uint8_t debug_byte;  // where 'debug' points unless the application points it elsewhere
+    RbWalk* walks;             // the innermost running walk
+    std::uint32_t free_nodes;  // on the free list; 'free' tells as many of them as it can
+    std::uint8_t debug_byte;   // where 'debug' points unless the application points it elsewhere
 };
 
 inline RbTree& inner(qel_rbtree* tree) {
     return *static_cast<RbTree*>(tree);
+}
+inline std::uint32_t free_nodes(const qel_rbtree& tree) {
+    return static_cast<const RbTree&>(tree).free_nodes;
+}
+constexpr std::uint16_t told(std::uint32_t free_nodes) {
+    return static_cast<std::uint16_t>(std::min<std::uint32_t>(free_nodes, UINT16_MAX));
+}
+inline void count_free(RbTree& tree, std::uint32_t change) {
+    tree.free_nodes += change;
+    tree.free = told(tree.free_nodes);
 }
 
 // Bits 31..16 and 15..0 of an interval, of which a key and a summary are made.

@@ -262,7 +262,7 @@ void push_on_free_list(RbTree& tree, RbNode* node) {
     tree.free_list = node;
     --tree.active;
     ++tree.deleted;
-    ++tree.free;
+    count_free(tree, 1);
 }
 
 template <class Order>
@@ -311,7 +311,7 @@ qel_rbtree_node* qel_rbtree_int_insert(uint16_t low, uint16_t high, qel_rbtree* 
 }
 
 qel_rbtree_node* qel_rbtree_delete(qel_rbtree* tree, qel_rbtree_node* node) {
-    if (tree == nullptr || node == nullptr || node->size == 0 || tree->free == kMaxNodes) return nullptr;
+    if (tree == nullptr || node == nullptr || node->size == 0) return nullptr;
     check_if_debugging(*tree, "before deletion");
     RbNode* deleted = with_order(*tree, [&](auto order) { return remove(inner(tree), node, order); });
     check_if_debugging(*tree, "after deletion");

@@ -187,11 +187,11 @@ const char* fault_of_free_list(const qel_rbtree& tree) {
     if (const char* fault = first_failed(kFreeListChecks, {tree, *tree.free_list})) return fault;
     std::uint32_t count = 0;
     const RbNode* node = tree.free_list;
-    for (; node != nil() && count < tree.free; ++count) {
+    for (; node != nil() && count < free_nodes(tree); ++count) {
         if (const char* fault = first_failed(kFreeNodeChecks, {tree, *node})) return fault;
         node = node->free_next;
     }
-    return count == tree.free && node == nil() ? nullptr : kFreeCountFault;
+    return count == free_nodes(tree) && tree.free == told(count) && node == nil() ? nullptr : kFreeCountFault;
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
 // Red-black tree: walks in order, protection, and the list of deleted nodes.
 //
 // A deleted node isn't freed but goes to the tree's free list, from which it is reused or given back to the
-// allocator, unless somebody protects it. A walk notes itself on the tree: a deletion of the node to visit
-// next then moves the walk on to the one behind. So the function may delete any node, and no deleted node is
-// visited. The function may also end its thread: the guard then takes the walk off the tree.
+// allocator, unless somebody protects it. A walk that protects notes itself on the tree: a deletion of the
+// node to visit next then moves the walk on to the one behind. So its function may delete any node, and no
+// deleted node is visited. The function may also end its thread: the guard then takes the walk off the tree.
+// Any other walk only reads.
 //
 // Along the list each node would be waited for alone. So a walk asks for a small subtree ahead of it, level
 // by level: the nodes of a level come from memory together.
@@ -55,13 +56,13 @@ class InOrder {
   public:
     InOrder(RbTree& tree, bool protect)
         : tree_(tree), walk_{qel_rbtree_first_node(&tree), tree.walks}, protect_(protect) {
-        tree_.walks = &walk_;
+        if (protect_) tree_.walks = &walk_;
         fetched_ = fetch_ahead<Part::links>(tree_.root);
     }
     InOrder(const InOrder&) = delete;
     InOrder& operator=(const InOrder&) = delete;
     ~InOrder() {
-        tree_.walks = walk_.outer;
+        if (protect_) tree_.walks = walk_.outer;
         hold(false);
     }
 
@@ -108,11 +109,11 @@ RbNode** unprotected_from(RbNode** link) {
 }
 
 // Takes the node that 'link' holds off the free list.
-RbNode* take_free(qel_rbtree& tree, RbNode** link) {
+RbNode* take_free(RbTree& tree, RbNode** link) {
     RbNode* node = *link;
     *link = node->free_next;
     node->free_next = nil();
-    --tree.free;
+    count_free(tree, UINT32_MAX);
     return node;
 }
 
@@ -163,20 +164,20 @@ bool qel_rbtree_node_protected(const qel_rbtree_node* node) {
 qel_rbtree_node* qel_rbtree_get_free_node(qel_rbtree* tree) {
     if (tree == nullptr) return nullptr;
     RbNode** link = unprotected_from(&tree->free_list);
-    return *link == nil() ? nullptr : take_free(*tree, link);
+    return *link == nil() ? nullptr : take_free(inner(tree), link);
 }
 
 void qel_rbtree_trim_free_list(qel_rbtree* tree) {
     if (tree == nullptr) return;
     RbNode** link = unprotected_from(&tree->free_list);
     for (; *link != nil(); link = unprotected_from(link)) {
-        qel_named_free(take_free(*tree, link));
+        qel_named_free(take_free(inner(tree), link));
         ++tree->released;
     }
 }
 
 uint32_t qel_rbtree_free_node_count(const qel_rbtree* tree) {
-    return tree == nullptr ? 0 : tree->free;
+    return tree == nullptr ? 0 : free_nodes(*tree);
 }
 
 uint32_t qel_rbtree_released_node_count(const qel_rbtree* tree) {
@@ -190,7 +191,7 @@ uint32_t qel_rbtree_released_node_count(const qel_rbtree* tree) {
 bool qel_rbtree_node_deleted(const qel_rbtree* tree, const qel_rbtree_node* node) {
     if (tree == nullptr || node == nullptr) return false;
     const RbNode* free_node = tree->free_list;
-    for (std::uint32_t step = 0; step < tree->free && free_node != nil(); ++step) {
+    for (std::uint32_t step = 0; step < free_nodes(*tree) && free_node != nil(); ++step) {
         if (free_node == node) return true;
         free_node = free_node->free_next;
     }
