@@ -65,7 +65,7 @@ cerrno async_impl_create_id_pool() {
     if (cerrno error = qel_idm_pool_create(kPoolName, QEL_ASYNC_MAX_OPS, 1, &made); error != 0)
         return failed<"ADERROR009", "ERROR: %s: Failed to create ID pool size %d, '%s'">(
             error, QEL_ASYNC_MAX_OPS, cerr_strerror(error));
-    if (cerrno error = qel_idm_set_destructor(made, free_operation, nullptr); error != 0) {
+    if (cerrno error = qel_idm_set_destructor(made, async_impl_request_destructor, nullptr); error != 0) {
         qel_idm_pool_destroy(&made);
         return failed<"ADERROR010", "ERROR: %s: Failed to set ID pool ctor, '%s'">(error,
                                                                                    cerr_strerror(error));

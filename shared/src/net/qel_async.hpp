@@ -50,7 +50,7 @@ void wait_until_done(Operation& operation);
 void wake(Operation& operation);
 
 // The pool's destructor.
-void free_operation(void* operation, void*);
+void async_impl_request_destructor(void* operation, void*);
 
 // Ends all operations and waits a moment for the threads that are in them.
 void end_all();

@@ -141,7 +141,7 @@ void trace_drain(Values... values) {
 
 }  // namespace
 
-void free_operation(void* object, void*) {
+void async_impl_request_destructor(void* object, void*) {
     auto* operation = static_cast<Operation*>(object);
     trace<"ADEVENT008", "%s: OP ID 0x%x opcode %d being freed">(operation->op_id, operation->opcode);
     qel_async_impl_free_ctx(operation);
