@@ -37,6 +37,7 @@ TEST_F(Conversions, read_back_as_printf_writes_them) {
     check("%d %i %u %x %X %o", -1, INT_MIN, UINT_MAX, 0xbeefu, 0xBEEFu, 0777u);
     check("%hhd %hd %hhu %hx", 300, 70000, 511u, 0x12345u);
     check("%ld %lld %lu %llx %lo", LONG_MIN, LLONG_MAX, ULONG_MAX, 0x123456789abcdefULL, 1UL);
+    check("%zu %zd %jx %td", SIZE_MAX, ssize_t{-1}, UINTMAX_MAX - 4, ptrdiff_t{7});
     check("[%5d] [%-5d] [%05d] [%+d] [% d] [%#x] [%.3d] [%8.3lx]", 42, 42, 42, 42, 42, 42u, 42, 42UL);
     check("[%s] [%10s] [%-10s] [%.2s]", "one", "two", "three", "four");
     check("%p [%20p] %p", static_cast<void*>(&buffer), static_cast<void*>(nullptr), static_cast<void*>(this));
@@ -187,6 +188,10 @@ TEST(MergedDump, tells_of_overwritten_entries_once) {
     EXPECT_EQ(qel_dt_buffer_resize(buffer, 0, 256 * 64), 0);
     log_once(buffer, "%s", "in the new one");
     EXPECT_THAT(told.next(), ElementsAre("..some messages lost..", "overrun: in the new one"));
+    EXPECT_EQ(qel_dt_buffer_resize(buffer, 0, 128 * 64), 0);
+    EXPECT_EQ(qel_dt_buffer_destroy(buffer.out()), 0);
+    EXPECT_EQ(told.read(), 2);
+    EXPECT_THAT(told.next(), IsEmpty());
 }
 
 TEST(MergedDump, waits_for_an_unfinished_entry_but_not_for_a_dead_writer) {
@@ -203,6 +208,8 @@ TEST(MergedDump, waits_for_an_unfinished_entry_but_not_for_a_dead_writer) {
     raw.store<uint8_t>(raw.control(raw.index() - 1) + 2, 1);
     EXPECT_THAT(merged.next(), ElementsAre("unfinished: 1", "unfinished: 2"));
     log_at(site, buffer, "%d", 4);
+    EXPECT_THAT(merged.next(), IsEmpty());
+    std::this_thread::sleep_for(60ms);
     EXPECT_THAT(merged.next(), ElementsAre("unfinished: 4"));
 }
 

@@ -2,10 +2,12 @@
 //
 // Each buffer is copied, its entries enter one AVL tree by time, and the tree is walked. A later read copies
 // and takes only the blocks between where the last one ended and the live cursor. All cursors are read before
-// the first buffer is copied, so the reads of all buffers end at the same moment.
+// the first buffer is copied, so the reads of all buffers end at the same moment. Each entering of a gate may
+// map a segment that replaced the one before; the copy of that one is dropped then, before anything is read.
 //
 // A read ends in front of a block that a writer has reserved: its entry isn't lost but comes with the next
-// read. If the block is reserved still then, its writer is dead, or might as well be, and is passed over.
+// read. If the block is reserved still after a while, its writer is dead, or might as well be, and is passed
+// over.
 //
 // Locks: none; inside each buffer's gate while it is copied. Threads: a handle belongs to one at a time.
 // Restart: see qel_dump.cpp.
@@ -19,6 +21,7 @@
 #include <utility>
 
 #include "dump/qel_dump.hpp"
+#include "time/qel_time.hpp"
 #include "trace/qel_trace_gate.hpp"
 
 namespace qel::dump {
@@ -49,13 +52,16 @@ int by_time(const qel_avl_node* left, const qel_avl_node* right) {
 // A buffer of a merged dump, and how far it has been read.
 struct Source {
     qel_dt_dump* dump;
-    Cursor next;            // where the coming read begins
-    Cursor end;             // where it ends
-    Range fresh;            // blocks of the copy that the running read takes
-    std::uint32_t stopper;  // block in front of which the last read ended, or kNone
+    const BufferHeader* mapping;  // the segment that the copy was made of
+    Cursor next;                  // where the coming read begins
+    Cursor end;                   // where it ends
+    Range fresh;                  // blocks of the copy that the running read takes
+    std::uint32_t stopper;        // block in front of which the last read ended, or kNone
     ControlEntry stopper_control;
+    timespec give_up;  // when the stopper is passed over, by the monotonic clock
 };
 constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+constexpr timespec kPatience{0, 50 * kNanosecondsPerMillisecond};
 
 Cursor cursor_after(const View& view, Range range) {
     const std::uint32_t end = range.start + range.length;
@@ -71,14 +77,16 @@ Range range_between(const View& live, Cursor from, Cursor to, bool& lost) {
     return {from.index, laps * live.blocks + to.index - from.index, from.stamp};
 }
 
-// Shortens 'range' so that it ends in front of a block that is reserved now and wasn't at the last read.
+// Shortens 'range' so that it ends in front of a block that is reserved and hasn't been for long.
 void stop_at_reserved(const View& live, Range& range, Source& source) {
     const std::uint32_t known = std::exchange(source.stopper, kNone);
+    const timespec now = monotonic_now();
     std::uint32_t passed = 0;
     static_cast<void>(walk_blocks(live, range, [&](std::uint32_t block, ControlEntry control, std::uint32_t) {
         if (source.stopper != kNone) return;
         const bool waited_for = block == known && same(control, source.stopper_control);
-        if (control.state == BlockState::reserved && !waited_for) {
+        if (control.state == BlockState::reserved && !(waited_for && order(now, source.give_up) >= 0)) {
+            if (!waited_for) source.give_up = add(now, kPatience);
             source.stopper = block;
             source.stopper_control = control;
             return;
@@ -107,11 +115,10 @@ namespace {
 // since then is lost.
 int copy_replacement(Source& source, bool& lost) {
     const View live = view_of(source.dump->handle->segment);
-    source.dump->copy.drop();
     if (int error = source.dump->copy.take(live); error != 0) return error;
     lost = true;
     source.fresh = whole_lap(source.dump->copy.view());
-    source.next = cursor_of(source.dump->copy.view());
+    source.next = source.end = cursor_of(source.dump->copy.view());
     source.stopper = kNone;
     return 0;
 }
@@ -126,30 +133,44 @@ void copy_news(Source& source, bool& lost) {
     else
         stop_at_reserved(live, source.fresh, source);
     source.dump->copy.refresh(live, source.fresh);
+    bool overtaken = false;  // by writers that came around meanwhile
+    static_cast<void>(
+        range_between(live, {source.fresh.start, source.fresh.stamp}, cursor_of(live), overtaken));
     source.next = cursor_after(live, source.fresh);
-    lost |= source.dump->copy.disturbed();
+    lost |= overtaken || source.dump->copy.disturbed();
 }
 
-bool is_stale(const Source& source) {
-    return (load(source.dump->handle->segment.header->flags) & kFlagStale) != 0;
-}
-
-// A buffer that is being replaced is left out this time.
-int refresh(Source& source, bool report_lost) {
-    source.fresh.length = 0;
-    const bool replaced = is_stale(source);
+// Calls visit() inside the buffer's gate, with the copy dropped if it isn't of the segment that is mapped
+// now. A buffer that is being replaced, or that went for good at an earlier try, is left out.
+template <class Visit>
+int visit_inside(Source& source, Visit visit) {
     Inside inside{*source.dump->handle};
     if (inside.error() == kGateBusy) return 0;
     if (inside.error() != 0) return inside.error();
-    bool lost = false;
-    const bool copied_before = source.dump->copy.exists() && !replaced;
-    int error = 0;
-    if (!copied_before)
-        error = copy_replacement(source, lost);
-    else if (source.end.pack() != source.next.pack())
-        copy_news(source, lost);
-    source.dump->lost |= lost && report_lost;
-    return error;
+    const BufferHeader* mapping = source.dump->handle->segment.header;
+    if (std::exchange(source.mapping, mapping) != mapping) source.dump->copy.drop();
+    return visit();
+}
+
+int read_cursor(Source& source) {
+    source.fresh.length = 0;
+    return visit_inside(source, [&] {
+        source.end = cursor_of(view_of(source.dump->handle->segment));
+        return 0;
+    });
+}
+
+int refresh(Source& source, bool report_lost) {
+    return visit_inside(source, [&] {
+        bool lost = false;
+        int error = 0;
+        if (!source.dump->copy.exists())
+            error = copy_replacement(source, lost);
+        else if (source.end.pack() != source.next.pack())
+            copy_news(source, lost);
+        source.dump->lost |= lost && report_lost;
+        return error;
+    });
 }
 
 // The most entries that can begin in the fresh blocks.
@@ -243,6 +264,7 @@ int open_source(const char* name, const qel_dt_dump_config& config, Source& sour
     if (int error = qel_dt_init_buffer_dump_handle(name, true, config, &source.dump); error != 0)
         return error;
     const View& copy = source.dump->copy.view();
+    source.mapping = source.dump->handle->segment.header;
     source.fresh = whole_lap(copy);
     source.next = cursor_of(copy);
     source.stopper = kNone;
@@ -305,14 +327,12 @@ int qel_dt_buffer_mst_init_pfx(const char* const* names, int count, const qel_dt
 int qel_dt_buffer_mst_next(qel_dt_mst_handle merged) {
     if (merged == nullptr) return EINVAL;
     const std::span sources{merged->sources, merged->count};
-    for (Source& source : sources) source.end = cursor_of(view_of(source.dump->handle->segment));
     int result = 0;
-    for (Source& source : sources) {
-        const int error = refresh(source, merged->limits.report_lost != 0);
-        if (result == 0) result = error;
-    }
-    const int error = give_news(*merged);
-    return result != 0 ? result : error;
+    const auto note = [&](int error) { result = result != 0 ? result : error; };
+    for (Source& source : sources) note(read_cursor(source));
+    for (Source& source : sources) note(refresh(source, merged->limits.report_lost != 0));
+    note(give_news(*merged));
+    return result;
 }
 
 int qel_dt_buffer_mst_destroy(qel_dt_mst_handle merged) {

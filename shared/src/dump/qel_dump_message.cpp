@@ -134,12 +134,14 @@ bool print_number(Writer& out, Arguments& arguments, const Conversion& conversio
     std::uint64_t value = 0;
     if (!arguments.take_number(wide, value)) return false;
     char ending[] = {'l', 'l', conversion.letter, '\0'};
-    if (wide && conversion.letter != 'p') {
+    // "j", "t" and "z" were stored in 32 bits, with a sign as like as not.
+    const bool widened = conversion.length.find_first_of("jtz") != conversion.length.npos;
+    if (!wide && widened) value = static_cast<std::uint64_t>(std::int64_t{static_cast<std::int32_t>(value)});
+    if ((wide || widened) && conversion.letter != 'p') {
         out.print(Directive{conversion.flags, ending}.text(), static_cast<unsigned long long>(value));
     } else if (wide) {
         out.print(Directive{conversion.flags, "p"}.text(), reinterpret_cast<void*>(value));
     } else {
-        // "j", "t" and "z" were stored in 32 bits.
         char narrow[] = {'h', 'h', conversion.letter, '\0'};
         const std::size_t shorts = conversion.length.starts_with('h') ? conversion.length.size() : 0;
         out.print(Directive{conversion.flags, narrow + (2 - shorts)}.text(), static_cast<unsigned>(value));
