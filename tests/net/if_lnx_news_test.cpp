@@ -12,6 +12,8 @@ namespace {
 
 // Done when the library opens its next socket, which is what a comparison begins with.
 std::function<void()> before_socket;
+// Done before the library looks for its third message: there is no news, then comes the list, then its end.
+std::function<void()> before_third_message;
 
 struct Counts {
     int created = 0, deleted = 0;
@@ -30,6 +32,13 @@ extern "C" __attribute__((visibility("default"))) int socket(int domain, int typ
     static auto* next = reinterpret_cast<int (*)(int, int, int)>(dlsym(RTLD_NEXT, "socket"));
     if (auto action = std::exchange(before_socket, nullptr)) action();
     return next(domain, type, protocol);
+}
+
+extern "C" __attribute__((visibility("default"))) ssize_t recvmsg(int fd, msghdr* message, int flags) {
+    static auto* next = reinterpret_cast<ssize_t (*)(int, msghdr*, int)>(dlsym(RTLD_NEXT, "recvmsg"));
+    static int looks = 0;
+    if (before_third_message && ++looks == 3) std::exchange(before_third_message, nullptr)();
+    return next(fd, message, flags);
 }
 
 namespace {
@@ -88,6 +97,26 @@ TEST(IfLnxNews, a_callback_may_end_and_make_registrations) {
         EXPECT_EQ(recv(end, text, sizeof(text), MSG_DONTWAIT), 4) << "taken by the library";
         close(end);
     }
+}
+
+// The comparison belongs to a client that has gone, and the table to one that bound in the middle of it.
+TEST(IfLnxNews, a_comparison_leaves_the_links_of_the_next_client_alone) {
+    if (!enter_own_network()) GTEST_SKIP() << "no right to a network namespace";
+    IfClient client{true};
+    std::optional<IfClient> second;
+    Counts counts;
+    const qel_if_event_cb_vector vector = count_into_cookie();
+    ASSERT_EQ(qel_if_register_callbacks(client.app, &vector, nullptr,
+                                        reinterpret_cast<std::uintptr_t>(&counts), &reg),
+              0u);
+    before_third_message = [&] {
+        EXPECT_EQ(qel_if_destroy(&client.app), 0u);
+        second.emplace();
+    };
+    client.dispatch_all();
+    ASSERT_TRUE(second);
+    std::uint64_t lo = 0;
+    EXPECT_EQ(qel_if_get_handle(second->app, "lo", &lo), 0u);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@ using detail::ifs_mutex;
 constinit qel_hashset* ifs_hs QEL_GUARDED_BY(ifs_mutex) = nullptr;
 // The same links by name.
 constinit qel_hashset* names_hs QEL_GUARDED_BY(ifs_mutex) = nullptr;
+constinit std::uint32_t comparisons QEL_GUARDED_BY(ifs_mutex) = 0;  // begun; goes around, but not to 0
 
 // What the kernel's messages don't tell.
 constexpr std::uint32_t kMtu = 1500, kSpeed = 10000;  // bytes, Mbit/s
@@ -82,6 +83,11 @@ void remove_locked(Entry* entry) QEL_REQUIRES(ifs_mutex) {
     Owned<Entry> owned{entry};
 }
 
+// Told of before the comparison 'unseen_since' began; every link for kAnyLink.
+bool is_meant(const Entry& entry, std::uint32_t unseen_since) {
+    return unseen_since == kAnyLink || static_cast<std::int32_t>(entry.seen - unseen_since) < 0;
+}
+
 }  // namespace
 
 namespace detail {
@@ -119,35 +125,42 @@ void free_table() {
     qel_hashset_free(&ifs_hs);
 }
 
-Change process_rtnl_msg_new(const netlink::Link& link, std::uint32_t dump) {
+Change process_rtnl_msg_new(const netlink::Link& link) {
     Locked lock{ifs_mutex};
     if (ifs_hs == nullptr) return Change::none;  // the last client has gone
     if (Entry* known = get_ifx_locked(link.index); known != nullptr) {
         known->oper_state = oper_state(link.flags, IFF_RUNNING);
         known->admin_state = admin_state(link.flags);
-        known->dump = dump;
+        known->seen = comparisons;
         return Change::none;
     }
     Owned<Entry> entry = allocate_zeroed<Entry>(QEL_MEM_INTF);
     if (!entry) return Change::no_memory;
     fill(*entry, link);
-    entry->dump = dump;
+    entry->seen = comparisons;
     qel_hashset_insert(names_hs, entry.get());
     qel_hashset_insert(ifs_hs, entry.release());
     return Change::created;
 }
 
-cerrno process_rtnl_msg_del(std::uint64_t ifh) {
+std::uint32_t begin_comparison() {
+    Locked lock{ifs_mutex};
+    if (++comparisons == kAnyLink) ++comparisons;
+    return comparisons;
+}
+
+cerrno process_rtnl_msg_del(std::uint64_t ifh, std::uint32_t unseen_since) {
     Locked lock{ifs_mutex};
     Entry* entry = get_ifx_locked(ifh);
-    if (entry == nullptr) return fatal(ENOENT);
+    if (entry == nullptr || !is_meant(*entry, unseen_since)) return fatal(ENOENT);
     remove_locked(entry);
     return 0;
 }
 
-bool has_link(std::uint64_t ifh) {
+bool has_link(std::uint64_t ifh, std::uint32_t unseen_since) {
     Locked lock{ifs_mutex};
-    return get_ifx_locked(ifh) != nullptr;
+    const Entry* entry = get_ifx_locked(ifh);
+    return entry != nullptr && is_meant(*entry, unseen_since);
 }
 
 std::uint64_t find_name(const char* name) {
@@ -160,7 +173,7 @@ std::uint64_t find_name(const char* name) {
     return entry == nullptr ? 0 : entry->ifh;
 }
 
-Owned<std::uint64_t> snapshot(std::size_t& count, bool& no_memory, std::uint32_t left_out_of) {
+Owned<std::uint64_t> snapshot(std::size_t& count, bool& no_memory, std::uint32_t unseen_since) {
     count = 0;
     no_memory = false;
     Locked lock{ifs_mutex};
@@ -171,7 +184,7 @@ Owned<std::uint64_t> snapshot(std::size_t& count, bool& no_memory, std::uint32_t
     if (no_memory) return handles;
     for (void* at = qel_hashset_first(ifs_hs); at != nullptr; at = qel_hashset_next(ifs_hs, at)) {
         const auto& entry = *static_cast<Entry*>(at);
-        if (left_out_of == 0 || entry.dump != left_out_of) handles.get()[count++] = entry.ifh;
+        if (is_meant(entry, unseen_since)) handles.get()[count++] = entry.ifh;
     }
     std::sort(handles.get(), handles.get() + count);
     return handles;

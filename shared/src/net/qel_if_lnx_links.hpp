@@ -42,7 +42,7 @@ struct qel_if_lnx_entry {
     std::uint32_t duplex;
     std::uint32_t unidir;
     std::uint8_t mac[6];
-    std::uint32_t dump;  // the last dump that it was in
+    std::uint32_t seen;  // the comparison that had begun when the kernel last told of it
 };
 
 namespace qel::interfaces::lnx {
@@ -56,17 +56,21 @@ cerrno make_table();
 void free_table();
 
 // Enters a link of dump or news, or brings its states up to date.
-Change process_rtnl_msg_new(const netlink::Link& link, std::uint32_t dump);
+Change process_rtnl_msg_new(const netlink::Link& link);
+
+// Begins a comparison with the kernel's list, of which the links in the table are told from then on. Links of
+// which nobody has been told since may have gone; the three below can be asked for those alone by its number.
+std::uint32_t begin_comparison();
+inline constexpr std::uint32_t kAnyLink = 0;
+
 // Takes a link out. 0, or 0xa0000002 if there is none.
-cerrno process_rtnl_msg_del(std::uint64_t ifh);
-bool has_link(std::uint64_t ifh);
+cerrno process_rtnl_msg_del(std::uint64_t ifh, std::uint32_t unseen_since = kAnyLink);
+bool has_link(std::uint64_t ifh, std::uint32_t unseen_since = kAnyLink);
+// All handles, ascending, and how many; null for none or without memory.
+Owned<std::uint64_t> snapshot(std::size_t& count, bool& no_memory, std::uint32_t unseen_since = kAnyLink);
 
 // The link of a name, 0 if there is none.
 std::uint64_t find_name(const char* name);
-
-// All handles, ascending, and how many; null for none or without memory. 'left_out_of' not 0: only those that
-// weren't in that dump.
-Owned<std::uint64_t> snapshot(std::size_t& count, bool& no_memory, std::uint32_t left_out_of = 0);
 
 namespace detail {
 extern constinit Mutex ifs_mutex;

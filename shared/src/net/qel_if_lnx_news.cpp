@@ -23,7 +23,6 @@
 #include <qel/queue.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 
 #include "net/qel_if.hpp"
@@ -66,26 +65,18 @@ struct OldNews {
 // What reading is for, and what happened on the way.
 struct Intake {
     bool is_dump;
-    bool tell;           // report what is created and deleted
-    std::uint32_t dump;  // the number of the last dump begun
+    bool tell;  // report what is created and deleted
     OldNews old_news{};
     bool is_interrupted = false;
     bool lost = false;
 };
-
-constinit std::atomic<std::uint32_t> last_dump{0};
-
-std::uint32_t next_dump() {
-    const std::uint32_t number = last_dump.fetch_add(1) + 1;
-    return number != 0 ? number : next_dump();
-}
 
 // The value of both reports.
 constexpr std::uint32_t kOne = 1;
 constexpr qel_if_shim_if_event kReport{sizeof(kOne), &kOne};
 
 cerrno take_new(const netlink::Link& link, const Intake& intake) {
-    const Change change = process_rtnl_msg_new(link, intake.dump);
+    const Change change = process_rtnl_msg_new(link);
     if (change == Change::no_memory) return no_memory<"IFERROR300">();
     if (change == Change::created && intake.tell)
         static_cast<void>(qel_if_shim_report_if_creation(link.index, &kReport));  // a valid record
@@ -93,10 +84,10 @@ cerrno take_new(const netlink::Link& link, const Intake& intake) {
 }
 
 // Tells of a link's end before it leaves the table.
-cerrno take_deleted(std::uint64_t ifh, const Intake& intake) {
-    if (!has_link(ifh)) return fatal(ENOENT);
+cerrno take_deleted(std::uint64_t ifh, const Intake& intake, std::uint32_t unseen_since = kAnyLink) {
+    if (!has_link(ifh, unseen_since)) return fatal(ENOENT);
     if (intake.tell) static_cast<void>(qel_if_shim_report_if_deletion(ifh, &kReport));  // a valid record
-    return process_rtnl_msg_del(ifh);
+    return process_rtnl_msg_del(ifh, unseen_since);
 }
 
 // True when the message ends the reading, with 'result'.
@@ -161,16 +152,20 @@ cerrno read_list(int fd, Intake& intake, bool& is_whole) {
 }
 
 // Holds the kernel's list against the table, and reports what differs: what has gone since goes to 'gone',
-// too. False if there is no whole list, or no memory for what differs.
+// too. False if there is no whole list, or no memory for what differs. Meanwhile clients may bind, and the
+// first of them fills the table from a list of its own: of those links the kernel told after the comparison
+// began.
 bool compare(OldNews& gone) {
     Socket socket;
-    Intake intake{.is_dump = true, .tell = true, .dump = next_dump()};
+    Intake intake{.is_dump = true, .tell = true};
+    const std::uint32_t number = begin_comparison();
     bool is_whole = false, no_room = false;
     if (netlink::attr_socket_create(socket) != 0 || read_list(socket.get(), intake, is_whole) != 0)
         return false;
     if (!is_whole) return false;
-    gone.handles = snapshot(gone.count, no_room, intake.dump);
-    for (std::uint64_t ifh : gone) static_cast<void>(take_deleted(ifh, intake));  // else somebody was faster
+    gone.handles = snapshot(gone.count, no_room, number);
+    for (std::uint64_t ifh : gone)
+        static_cast<void>(take_deleted(ifh, intake, number));  // else somebody was faster
     return !no_room;
 }
 
@@ -274,8 +269,7 @@ void read_news() {
     std::byte* room = nullptr;
     bool must_compare = false;
     while (turn.goes_on(fd, room, must_compare)) {
-        Intake intake{
-            .is_dump = false, .tell = true, .dump = last_dump.load(), .old_news = std::exchange(gone, {})};
+        Intake intake{.is_dump = false, .tell = true, .old_news = std::exchange(gone, {})};
         static_cast<void>(  // "nothing more" is how news ends
             lnx_socket_recv_rtnlmsg(fd, {room, netlink::kDatagramSize}, intake));
         if (intake.lost || must_compare) turn.note_comparison(compare(gone));
@@ -336,7 +330,7 @@ cerrno watch_locked(Owned<Watch> watch) QEL_REQUIRES(news_mutex) {
 }  // namespace
 
 cerrno read_list(int fd) {
-    Intake intake{.is_dump = true, .tell = false, .dump = next_dump()};
+    Intake intake{.is_dump = true, .tell = false};
     bool is_whole = false;
     return read_list(fd, intake, is_whole);
 }
