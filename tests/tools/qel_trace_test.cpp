@@ -288,6 +288,9 @@ TEST_F(QelTrace, exit_codes_and_words_to_complete) {
                                "export --chrome /none/file lines.events"})
         EXPECT_EQ(qel(std::string{"trace "} + absent).code, kUnreadable) << absent;
     EXPECT_FALSE(shm_exists("nobody.qdt"));
+    EXPECT_EQ(
+        shell("echo kept >kept; " + tool() + "trace export --chrome kept nobody; cat kept; rm kept").output,
+        "kept\n");
     auto complete = [](const std::string& words) {
         return lines_of(
             shell(std::string{getenv("QEL_TOOL")} + " complete --root " + shm_root() + " " + words).output);

@@ -15,6 +15,7 @@
 #include <optional>
 #include <set>
 
+#include "trace_buffer.hpp"
 #include "trace_commands.hpp"
 #include "trace_entries.hpp"
 
@@ -177,6 +178,7 @@ Exit dump_trace(const Run& run, const Names& names, const DumpOptions& options) 
 }
 
 Exit export_trace(const Run& run, const Names& names, const ExportOptions& options) {
+    for (const std::string& name : names) must_be_there(name);  // or the file would be emptied for nothing
     File file = open_to_write(options.chrome);
     ChromeWriter writer{file.get(), names};
     Exit exit = Exit::fine;
