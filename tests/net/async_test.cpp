@@ -4,6 +4,8 @@
 #include <qel/async.h>
 #include <qel/dt.h>
 #include <qel/dt_dump.h>
+#include <qel/mem.h>
+#include <qel/netinfra.h>
 
 #include <atomic>
 #include <thread>
@@ -234,6 +236,64 @@ TEST_F(AsyncTest, drains_for_four_seconds_then_names_and_ends_what_remains) {
                 testing::Contains(testing::HasSubstr("async drained after 400 retries every 10ms, 1 ")));
     EXPECT_EQ(qel_async_impl_init(0), 0u);
     EXPECT_EQ(in_use(), 0u);
+}
+
+TEST_F(AsyncTest, a_stop_waits_for_no_reference_for_good) {
+    qel_async_future future, other;
+    start(future);
+    qel_async_ctx* held = nullptr;
+    ASSERT_EQ(qel_async_impl_op_guard(future.op_id, &held), 0u);
+    static std::atomic<cerrno> waited, stopped;
+    waited = 1;
+    auto wait_in_handler = [](qel_async_ctx*, void* unanswered) {
+        stopped = qel_netinfra_fini();
+        qel_async_impl_fini();
+        waited = qel_async_wait(static_cast<qel_async_future*>(unanswered));
+    };
+    EXPECT_EQ(qel_async_impl_submit(start(other), nullptr, wait_in_handler, &future), 0u);
+    std::thread stopper(qel_async_impl_fini);
+    auto is_refused = [] {
+        qel_async_req request;
+        qel_async_req_init(&request);
+        qel_async_future ended;
+        qel_async_ctx* gone = nullptr;  // by the stop, perhaps before this is written
+        return qel_async_impl_create_ctx(101, &request, &ended, &gone) != 0;
+    };
+    EXPECT_TRUE(eventually(is_refused)) << "a frame that stops takes no more";
+    stopper.join();
+    EXPECT_EQ(waited, 0u);
+    EXPECT_EQ(stopped, 0xa0000023u);
+
+    EXPECT_EQ(qel_async_impl_init(0), 0u);
+    start(other);
+    EXPECT_EQ(other.op_id, future.op_id) << "else the next line proves nothing";
+    EXPECT_EQ(qel_async_impl_op_yield(held), kNone) << "the reference is none to the new pool";
+    EXPECT_EQ(in_use(), 1u);
+    held->destructor(held, held->destructor_arg);
+    qel_named_free(held);
+}
+
+TEST_F(AsyncTest, threads_that_end_leave_their_operation) {
+    qel_async_future future;
+    qel_async_ctx* operation = start(future);
+    std::atomic<bool> begun = false;
+    std::thread waiter([&] {
+        begun = true;
+        qel_async_wait(&future);
+    });
+    EXPECT_TRUE(eventually([&] { return begun.load(); }));
+    std::this_thread::sleep_for(10ms);
+    EXPECT_EQ(pthread_cancel(waiter.native_handle()), 0);
+    waiter.join();
+    auto end_thread = [](qel_async_ctx* ended, void*) {
+        EXPECT_EQ(provide(ended->op_id, 3), 0u);
+        pthread_exit(nullptr);
+    };
+    EXPECT_EQ(qel_async_impl_submit(operation, nullptr, end_thread, nullptr), 0u);
+    EXPECT_EQ(qel_async_wait(&future), 0u);
+    cerrno status = 0;
+    EXPECT_EQ(fetch(future, status), 0u);
+    EXPECT_TRUE(eventually([] { return in_use() == 0; }));
 }
 
 // Whatever the order, one context is freed a round, and no other operation is touched.

@@ -192,6 +192,21 @@ TEST_F(FrameTest, calls_back_here_without_a_dispatcher_and_in_order_with_one) {
     EXPECT_EQ(unbind(there), 0u);
 }
 
+TEST_F(FrameTest, goes_on_when_a_callback_ends_its_thread) {
+    const std::uint32_t client = bind(qdm);
+    auto end_first = [](const qel_async_future*) {
+        if (++called == 1) pthread_exit(nullptr);
+    };
+    std::array<qel_async_future, 3> futures;
+    for (qel_async_future& future : futures) future = start(client, end_first);
+    for (const qel_async_future& future : futures) EXPECT_EQ(report(future, 0), 0u);
+    std::thread([this] { dispatch_all(); }).join();
+    EXPECT_EQ(called, 1);
+    dispatch_all();
+    EXPECT_EQ(called, 3);
+    EXPECT_EQ(unbind(client), 0u);
+}
+
 TEST_F(FrameTest, loses_queued_results_with_their_client) {
     const std::uint32_t client = bind(qdm);
     std::atomic<int> own = 1;

@@ -99,7 +99,7 @@ struct qel_async_ctx {
     uint8_t native_sync;           /**< 1 when a synchronous handler runs the operation */
     uint8_t ended;                 /**< 1 when somebody has taken on to drop the operation's own reference */
     uint8_t begun;                 /**< 1 when it is complete and goes to a shim, which may answer */
-    uint8_t reserved;              /**< 0 */
+    uint8_t start;                 /**< the library's own: which start of the frame it belongs to */
     uint32_t op_id;                /**< as in the future */
     uint32_t opcode;               /**< as in the future */
     qel_async_callback callback;   /**< from the request */
@@ -178,7 +178,8 @@ QEL_API void qel_async_impl_walk_and_cleanup(qel_async_match match, void* argume
 /** Waits until no operation is outstanding, 4 s at most, and traces those that remain. */
 QEL_API void qel_async_impl_drain_ops(void);
 
-/** Stops the frame; qel_netinfra_fini() does. Operations that are outstanding end, and their waiters wake. */
+/** Stops the frame; qel_netinfra_fini() does. Operations that are outstanding end, and their waiters wake. In
+ * a synchronous handler, which it would wait for, it does nothing and reports that. */
 QEL_API void qel_async_impl_fini(void);
 
 QEL_END_DECLS

@@ -35,7 +35,8 @@ QEL_API int qel_netinfra_is_init(void);
  * of the service that failed, and then those before it are stopped again. */
 QEL_API cerrno qel_netinfra_init(uint32_t word);
 /** Stops the services, after 4 s at most for the operations that are outstanding; these end then. Futures are
- * of no use from its beginning on. Returns 0; 0xa0000002 if they don't run. */
+ * of no use from its beginning on. Returns 0; 0xa0000002 if they don't run; 0xa0000023 in a synchronous
+ * handler, and in a callback that runs in one, which it would wait for. */
 QEL_API cerrno qel_netinfra_fini(void);
 
 /** True when both or neither of the pointers are set: for checks of a shim's handlers that come in pairs. */

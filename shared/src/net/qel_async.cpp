@@ -15,10 +15,13 @@
 #include <cerrno>
 
 #include "core/qel_lock.hpp"
+#include "core/qel_owned.hpp"
 
 namespace qel::async {
 
-constinit std::atomic<std::uint32_t> id_pool{QEL_IDM_NO_POOL};
+constinit net::PoolPlace id_pool;
+constinit std::atomic<std::uint8_t> starts{0};
+constinit std::atomic<bool> stopping{false};
 
 namespace {
 
@@ -71,13 +74,13 @@ cerrno async_impl_create_id_pool() {
                                                                                    cerr_strerror(error));
     }
     trace<"ADEVENT001", "%s: Created ID pool 0x%x, size %d">(made, QEL_ASYNC_MAX_OPS);
-    id_pool.store(made, std::memory_order_release);
+    starts.fetch_add(1);
+    id_pool.put(made);
     return 0;
 }
 
 void async_impl_free_id_pool() {
-    std::uint32_t old = id_pool.exchange(QEL_IDM_NO_POOL);
-    if (old != QEL_IDM_NO_POOL) qel_idm_pool_destroy(&old);
+    id_pool.destroy();
 }
 
 void destroy_dispatchers() {
@@ -98,7 +101,6 @@ void trace_stop() {
     trace<"ADEVENT005", Format>();
 }
 
-// Set on the thread for synchronous handlers: what waits behind a handler can't be waited for in it.
 thread_local constinit bool runs_sync_handler = false;
 
 // A job names its operation by the ID and, in the upper half, the serial number: an operation that was ended
@@ -112,15 +114,18 @@ std::uint64_t name_of(const Operation& operation) {
 void async_impl_execute_native_sync(qel_dm_handle, std::uint64_t argument, std::uint64_t name) {
     Operation* operation = nullptr;
     if (qel_async_impl_op_guard(static_cast<std::uint32_t>(name), &operation) != 0) return;
-    if (name_of(*operation) == name) {
-        runs_sync_handler = true;
-        operation->handler(operation, reinterpret_cast<void*>(argument));
-        if (operation->postamble != nullptr) operation->postamble(operation);
-    }
-    static_cast<void>(qel_async_impl_op_yield(operation));  // reported there
+    Undo guarded{[operation] { static_cast<void>(qel_async_impl_op_yield(operation)); }};  // reported there
+    if (name_of(*operation) != name) return;
+    runs_sync_handler = true;
+    operation->handler(operation, reinterpret_cast<void*>(argument));
+    if (operation->postamble != nullptr) operation->postamble(operation);
 }
 
 }  // namespace
+
+bool is_sync_thread() {
+    return runs_sync_handler;
+}
 
 qel_dt_buffer_handle event_buffer() {
     return buffer_at(events, kEvents);
@@ -148,20 +153,17 @@ cerrno qel_async_wait(const qel_async_future* future) {
         return failed<"ADERROR013",
                       "ERROR: %s: Failed to lookup op ID 0x%x opcode %d in qel_async_wait, '%s'">(
             error, op_id, opcode, cerr_strerror(error));
-    if (operation->callback != nullptr) {
-        static_cast<void>(qel_async_impl_release_and_unlock_ctx(operation));  // reported there
+    // Also if the thread is cancelled in its sleep.
+    Undo held{[operation] { static_cast<void>(qel_async_impl_release_and_unlock_ctx(operation)); }};
+    if (operation->callback != nullptr)
         return failed<"ADERROR014", "ERROR: %s: OP ID 0x%x opcode %d trying wait while set for callback">(
             fatal(EPERM), op_id, opcode);
-    }
-    if (runs_sync_handler && operation->native_sync != 0 && operation->state == kPending) {
-        static_cast<void>(qel_async_impl_release_and_unlock_ctx(operation));  // reported there
+    if (runs_sync_handler && operation->native_sync != 0 && operation->state == kPending)
         return failed<"ADERROR030", "ERROR: %s: OP ID 0x%x opcode %d would be waited for by its own thread">(
             fatal(EDEADLK), op_id, opcode);
-    }
     trace<"ADEVENT002", "%s: OP ID 0x%x opcode %d before wait">(op_id, opcode);
     wait_until_done(*operation);
     trace<"ADEVENT003", "%s: OP ID 0x%x opcode %d after wait">(op_id, opcode);
-    static_cast<void>(qel_async_impl_release_and_unlock_ctx(operation));  // reported there
     return 0;
 }
 
@@ -169,7 +171,7 @@ cerrno qel_async_get_stats(qel_async_stats* stats) {
     qel_check_not_interrupt_path();
     if (stats == nullptr) return fatal(EINVAL);
     std::uint32_t count = 0;
-    if (pool() != QEL_IDM_NO_POOL)
+    if (is_started())
         if (cerrno error = count_operations(count); error != 0) return error;
     *stats = {QEL_ASYNC_MAX_OPS, count};
     return 0;
@@ -178,14 +180,14 @@ cerrno qel_async_get_stats(qel_async_stats* stats) {
 cerrno qel_async_impl_init(uint32_t) {
     qel_check_not_interrupt_path();
     Locked lock{start_lock};
-    if (pool() != QEL_IDM_NO_POOL) return 0;
+    if (is_started()) return 0;
     if (cerrno error = start_locked(); error != 0) return error;
     trace<"ADEVENT004", "%s: async processing inited">();
     return 0;
 }
 
 qel_dm_handle qel_async_impl_get_qdm(void) {
-    return pool() != QEL_IDM_NO_POOL ? async_qdm.load() : 0;
+    return is_started() ? async_qdm.load() : 0;
 }
 
 cerrno qel_async_impl_submit(qel_async_ctx* operation, qel_async_postamble postamble,
@@ -203,10 +205,17 @@ cerrno qel_async_impl_submit(qel_async_ctx* operation, qel_async_postamble posta
 }
 
 void qel_async_impl_fini(void) {
+    if (is_sync_thread())
+        return report<"ADERROR031",
+                      "ERROR: %s: async fini in a synchronous handler, which it would wait for">();
     Locked lock{start_lock};
     trace_stop<"%s: async fini start">();
+    stopping.store(true);
+    static_cast<void>(id_pool.await_uses());  // those who hadn't seen it have made their operations
+    wake_all();                               // handlers, too, may sleep for an operation
     destroy_dispatchers();
     end_all();
     async_impl_free_id_pool();
+    stopping.store(false);
     trace_stop<"%s: async fini end">();
 }

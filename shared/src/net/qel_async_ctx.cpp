@@ -79,8 +79,8 @@ struct CountText {
     }
 };
 
-cerrno take_id(std::uint32_t opcode, Operation& operation) {
-    const cerrno error = qel_idm_get_id(pool(), &operation, &operation.op_id);
+cerrno take_id(std::uint32_t pool, std::uint32_t opcode, Operation& operation) {
+    const cerrno error = qel_idm_get_id(pool, &operation, &operation.op_id);
     if (error == 0) return 0;
     return failed<"ADERROR020", "ERROR: %s: Failed to allocate ID for operation %d, '%s', %s IDs used">(
         error, opcode, cerr_strerror(error), static_cast<const char*>(CountText{}.text));
@@ -98,19 +98,54 @@ Operation* make_operation(std::uint32_t opcode, const qel_async_req& request) {
     made->user_id = request.user_id;
     made->cookie = request.cookie;
     made->serial = next_serial.fetch_add(1, std::memory_order_relaxed);
+    made->start = starts.load();
     return made.release();
 }
 
+Operation* retain(std::uint32_t op_id) {
+    net::PoolPlace::Use use{id_pool};
+    return static_cast<Operation*>(qel_idm_lookup_and_retain_id(use.pool, op_id));
+}
+Operation* retain_next(std::uint32_t& id) {
+    net::PoolPlace::Use use{id_pool};
+    return static_cast<Operation*>(qel_idm_lookup_next_and_retain(use.pool, id, &id));
+}
+
+// What of an operation is needed when it may be gone.
+struct Name {
+    explicit Name(const Operation& operation)
+        : op_id(operation.op_id), opcode(operation.opcode), start(operation.start) {}
+    std::uint32_t op_id;
+    std::uint32_t opcode;
+    std::uint8_t start;
+};
+
+// Gives a reference back by 'Release'. 0xa0000002 for one that the frame's stop didn't wait for.
+template <auto Release>
+cerrno give_back(const Name& name) {
+    net::PoolPlace::Use use{id_pool};
+    return name.start == starts.load() ? Release(use.pool, name.op_id) : fatal(ENOENT);
+}
+constexpr auto& release = give_back<qel_idm_release_id>;
+constexpr auto& release_and_withdraw = give_back<qel_idm_release_and_withdraw_id>;
+
 void retain_each(void (*visit)(Operation&, void*), void* context) {
     std::uint32_t id = 0;
-    for (;;) {
-        void* found = qel_idm_lookup_next_and_retain(pool(), id, &id);
-        if (found == nullptr) return;
-        visit(*static_cast<Operation*>(found), context);
-        if (cerrno error = qel_idm_release_id(pool(), id); error != 0)
+    while (Operation* found = retain_next(id)) {
+        const Name name{*found};
+        visit(*found, context);
+        if (cerrno error = release(name); error != 0)
             report<"ADERROR029", "ERROR: %s: OP ID 0x%x failed to be released, '%s'">(id,
                                                                                       cerr_strerror(error));
     }
+}
+
+// As if the operation had a result.
+void wake(Operation& operation) {
+    static_cast<void>(async_impl_mutex_lock(&operation.lock));  // reported there
+    operation.state = kDone;
+    qel_async_impl_signal_op(&operation);
+    static_cast<void>(async_impl_mutex_unlock(&operation.lock));  // reported there
 }
 
 void end(Operation& operation) {
@@ -152,11 +187,8 @@ void wait_until_done(Operation& operation) {
         if (async_impl_condvar_wait(&operation.cond, &operation.lock) != 0) return;
 }
 
-void wake(Operation& operation) {
-    static_cast<void>(async_impl_mutex_lock(&operation.lock));  // reported there
-    operation.state = kDone;
-    qel_async_impl_signal_op(&operation);
-    static_cast<void>(async_impl_mutex_unlock(&operation.lock));  // reported there
+void wake_all() {
+    retain_each([](Operation& operation, void*) { wake(operation); }, nullptr);
 }
 
 void end_all() {
@@ -178,11 +210,14 @@ using namespace qel::async;
 cerrno qel_async_impl_create_ctx(uint32_t opcode, const qel_async_req* request, qel_async_future* future,
                                  qel_async_ctx** out) {
     if (request == nullptr || future == nullptr || out == nullptr) return fatal(EINVAL);
+    // A stop waits for this, so that it finds the operation or this finds the stop.
+    net::PoolPlace::Use use{id_pool};
     Operation* made = make_operation(opcode, *request);
     if (made == nullptr)
         return failed<"ADERROR019", "ERROR: %s: Failed to allocate async context, size %d">(
             fatal(ENOMEM), static_cast<std::uint32_t>(sizeof *made));
-    if (cerrno error = take_id(opcode, *made); error != 0) {
+    const std::uint32_t pool = stopping.load() ? QEL_IDM_NO_POOL : use.pool;
+    if (cerrno error = take_id(pool, opcode, *made); error != 0) {
         qel_async_impl_free_ctx(made);
         return error;
     }
@@ -193,7 +228,7 @@ cerrno qel_async_impl_create_ctx(uint32_t opcode, const qel_async_req* request, 
 
 cerrno qel_async_impl_op_guard(uint32_t op_id, qel_async_ctx** out) {
     if (out == nullptr) return fatal(EINVAL);
-    auto* found = static_cast<Operation*>(qel_idm_lookup_and_retain_id(pool(), op_id));
+    Operation* found = retain(op_id);
     if (found == nullptr)
         return failed<"ADERROR026", "ERROR: %s: Failed to guard operation ID 0x%x">(fatal(ENOENT), op_id);
     *out = found;
@@ -202,11 +237,11 @@ cerrno qel_async_impl_op_guard(uint32_t op_id, qel_async_ctx** out) {
 
 cerrno qel_async_impl_op_yield(qel_async_ctx* operation) {
     if (operation == nullptr) return fatal(EINVAL);
-    const std::uint32_t op_id = operation->op_id, opcode = operation->opcode;
-    const cerrno error = qel_idm_release_id(pool(), op_id);
+    const Name name{*operation};
+    const cerrno error = release(name);
     if (error == 0) return 0;
     return failed<"ADERROR027", "ERROR: %s: Failed to yield operation ID 0x%x opcode %d, '%s'">(
-        error, op_id, opcode, cerr_strerror(error));
+        error, name.op_id, name.opcode, cerr_strerror(error));
 }
 
 int qel_async_impl_lock_op(qel_async_ctx* operation) {
@@ -225,7 +260,7 @@ void qel_async_impl_signal_op(qel_async_ctx* operation) {
 
 cerrno qel_async_impl_retain_and_lock_ctx(uint32_t op_id, qel_async_ctx** out) {
     if (out == nullptr) return fatal(EINVAL);
-    auto* found = static_cast<Operation*>(qel_idm_lookup_and_retain_id(pool(), op_id));
+    Operation* found = retain(op_id);
     if (found != nullptr) {
         static_cast<void>(async_impl_mutex_lock(&found->lock));  // reported there
         // Found before another thread's fetch withdrew it, and locked after.
@@ -242,37 +277,37 @@ cerrno qel_async_impl_retain_and_lock_ctx(uint32_t op_id, qel_async_ctx** out) {
 
 cerrno qel_async_impl_release_and_unlock_ctx(qel_async_ctx* operation) {
     if (operation == nullptr) return fatal(EINVAL);
-    const std::uint32_t op_id = operation->op_id;
+    const Name name{*operation};
     static_cast<void>(async_impl_mutex_unlock(&operation->lock));  // reported there
-    const cerrno error = qel_idm_release_id(pool(), op_id);
+    const cerrno error = release(name);
     if (error == 0) return 0;
-    return failed<"ADERROR023", "ERROR: %s: Failed to release operation ID 0x%x, '%s'">(error, op_id,
+    return failed<"ADERROR023", "ERROR: %s: Failed to release operation ID 0x%x, '%s'">(error, name.op_id,
                                                                                         cerr_strerror(error));
 }
 
 void qel_async_impl_withdrawn_ctx(qel_async_ctx* operation) {
     if (operation == nullptr) return;
-    const std::uint32_t op_id = operation->op_id, opcode = operation->opcode;
+    const Name name{*operation};
     const bool ending = take_ending(*operation);
     static_cast<void>(async_impl_mutex_unlock(&operation->lock));  // reported there
     if (ending) {
-        if (cerrno error = qel_idm_release_and_withdraw_id(pool(), op_id); error != 0)
+        if (cerrno error = release_and_withdraw(name); error != 0)
             return report<"ADERROR024", "ERROR: %s: OP ID 0x%x failed to be withdrawn, '%s'">(
-                op_id, cerr_strerror(error));
-        trace<"ADEVENT009", "%s: OP ID 0x%x opcode %d withdrawn">(op_id, opcode);
+                name.op_id, cerr_strerror(error));
+        trace<"ADEVENT009", "%s: OP ID 0x%x opcode %d withdrawn">(name.op_id, name.opcode);
     }
-    if (cerrno error = qel_idm_release_id(pool(), op_id); error != 0)
-        report<"ADERROR025", "ERROR: %s: OP ID 0x%x failed to be released, '%s'">(op_id,
+    if (cerrno error = release(name); error != 0)
+        report<"ADERROR025", "ERROR: %s: OP ID 0x%x failed to be released, '%s'">(name.op_id,
                                                                                   cerr_strerror(error));
 }
 
 cerrno qel_async_impl_discard_ctx(qel_async_ctx* operation) {
     if (operation == nullptr) return fatal(EINVAL);
-    const std::uint32_t op_id = operation->op_id;
+    const Name name{*operation};
     if (!take_ending(*operation)) return fatal(EBUSY);
-    const cerrno error = qel_idm_release_and_withdraw_id(pool(), op_id);
+    const cerrno error = release_and_withdraw(name);
     if (error == 0) return 0;
-    return failed<"ADERROR028", "ERROR: %s: OP ID 0x%x failed to be withdrawn, '%s'">(error, op_id,
+    return failed<"ADERROR028", "ERROR: %s: OP ID 0x%x failed to be withdrawn, '%s'">(error, name.op_id,
                                                                                       cerr_strerror(error));
 }
 
@@ -292,7 +327,7 @@ void qel_async_impl_drain_ops(void) {
     for (std::uint32_t attempt = 1; attempt <= kDrainAttempts; ++attempt) {
         if (cerrno error = count_operations(count); error != 0) {
             report<"ADERROR018", "ERROR: %s: failed to get count from async ID pool 0x%x, %s">(
-                pool(), cerr_strerror(error));
+                id_pool.get(), cerr_strerror(error));
             break;
         }
         if (attempt == 1) trace_drain<"%s: async finishing, %d async ops remain">(count);

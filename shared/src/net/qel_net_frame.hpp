@@ -231,6 +231,7 @@ class Frame {
         // Until the operation has its client nothing but a stop of all ends it; from then on it may be gone.
         Guarded guard{order.future->op_id};
         if (guard.error() != 0) return guard.error();
+        if (&*guard != operation) return fatal(ENOENT);  // of the frame's next start
         adopt(*operation, order);
         // An unbind that came before this looked for operations too early to find this one.
         cerrno error = Family::closing(client).load() ? fatal(EINVAL) : prepare(*operation);
@@ -295,9 +296,17 @@ class Frame {
         return static_cast<Job*>(qel_queue_dequeue(&jobs.queue));
     }
 
-    static void dispatch(qel_dm_handle, std::uint64_t handle, std::uint64_t) {
+    static void dispatch(qel_dm_handle dispatcher, std::uint64_t handle, std::uint64_t) {
         Retained<Client> client = Family::retain(static_cast<std::uint32_t>(handle));
         if (!client) return;
+        // A callback may end its thread; who submits next trusts that somebody is at the queue.
+        Undo left{[&client, dispatcher, handle] {
+            ClientJobs& jobs = Family::jobs_of(*client);
+            Locked lock{jobs.mutex};
+            if (qel_queue_empty(&jobs.queue) == 0)
+                static_cast<void>(
+                    qel_dm_execute(dispatcher, dispatch, handle, 0));  // else the unbind drains it
+        }};
         while (Job* job = next_job(*client)) {
             Owned<Job> owned{job};
             if (job->type == kResultJob) {
@@ -307,6 +316,7 @@ class Frame {
             Undo dropped{[job] { Family::drop(*job); }};
             Family::run(*client, *job);
         }
+        left.keep();
     }
 
     static void call_back(const Job& job) { reinterpret_cast<qel_async_callback>(job.handler)(&job.future); }

@@ -6,8 +6,29 @@
 #include <cerrno>
 
 #include "core/qel_codes.hpp"
+#include "time/qel_time.hpp"
 
 namespace qel::net {
+namespace {
+
+constexpr timespec kLongestUse{1, 0};
+
+}  // namespace
+
+bool PoolPlace::await_uses() const {
+    if (uses_.load() == 0) return true;
+    const timespec limit = add(monotonic_now(), kLongestUse);
+    while (uses_.load() != 0) {
+        if (order(monotonic_now(), limit) >= 0) return false;
+        sched_yield();
+    }
+    return true;
+}
+
+void PoolPlace::destroy() {
+    std::uint32_t pool = pool_.exchange(QEL_IDM_NO_POOL);
+    if (pool != QEL_IDM_NO_POOL && await_uses()) qel_idm_pool_destroy(&pool);
+}
 
 cerrno HandlePool::make_locked() {
     const std::uint64_t ids = shape_.ids();
@@ -21,24 +42,21 @@ cerrno HandlePool::make_locked() {
         qel_idm_pool_destroy(&pool);
         return shape_.failed(error);
     }
-    pool_.store(pool);
+    place_.put(pool);
     return 0;
 }
 
 void HandlePool::free_if_empty_locked() {
-    std::uint32_t pool = pool_.load();
     std::uint32_t used = 0;
-    if (pool == QEL_IDM_NO_POOL || qel_idm_get_count(pool, &used) != 0 || used != 0) return;
-    pool_.store(QEL_IDM_NO_POOL);
-    while (lookups_.load() != 0) sched_yield();
-    qel_idm_pool_destroy(&pool);
+    if (place_.get() == QEL_IDM_NO_POOL || qel_idm_get_count(place_.get(), &used) != 0 || used != 0) return;
+    place_.destroy();
 }
 
 cerrno HandlePool::get_id(void* object, std::uint32_t* id) {
     Locked lock{*shape_.mutex};
-    if (pool_.load() == QEL_IDM_NO_POOL)
+    if (place_.get() == QEL_IDM_NO_POOL)
         if (cerrno error = make_locked(); error != 0) return error;
-    const cerrno error = qel_idm_get_id(pool_.load(), object, id);
+    const cerrno error = qel_idm_get_id(place_.get(), object, id);
     if (error == 0) return 0;
     free_if_empty_locked();
     return shape_.failed(error);
@@ -50,30 +68,30 @@ void HandlePool::free_if_empty() {
 }
 
 std::uint32_t HandlePool::count() {
-    Lookup lookup{*this};
+    PoolPlace::Use use{place_};
     std::uint32_t count = 0;
-    static_cast<void>(qel_idm_get_count(lookup.pool, &count));  // no pool: none
+    static_cast<void>(qel_idm_get_count(use.pool, &count));  // no pool: none
     return count;
 }
 
 std::uint32_t HandlePool::references(std::uint32_t id) {
-    Lookup lookup{*this};
+    PoolPlace::Use use{place_};
     std::uint32_t count = 0;
-    return qel_idm_get_id_refcount(lookup.pool, id, &count) == 0 ? count : 0;
+    return qel_idm_get_id_refcount(use.pool, id, &count) == 0 ? count : 0;
 }
 
 cerrno HandlePool::is_withdrawn(std::uint32_t id, std::uint8_t* withdrawn) {
-    Lookup lookup{*this};
-    return qel_idm_is_id_withdrawn(lookup.pool, id, withdrawn);
+    PoolPlace::Use use{place_};
+    return qel_idm_is_id_withdrawn(use.pool, id, withdrawn);
 }
 
 // The caller's reference keeps the pool until the release has begun to free it.
 cerrno HandlePool::release(std::uint32_t id) {
-    return qel_idm_release_id(pool_.load(), id);
+    return qel_idm_release_id(place_.get(), id);
 }
 
 cerrno HandlePool::release_and_withdraw(std::uint32_t id) {
-    return qel_idm_release_and_withdraw_id(pool_.load(), id);
+    return qel_idm_release_and_withdraw_id(place_.get(), id);
 }
 
 }  // namespace qel::net

@@ -1,9 +1,9 @@
 // The ID pools of services: one is there only while it has IDs, so that what gives its size is asked anew by
-// the first client after none.
+// the first client after none. And the place of a pool that goes while others may look into it.
 //
-// A lookup may be in the pool while the destructor of its last ID takes it down. Lookups therefore are
-// counted, and whoever takes the pool down waits until those that might still see it have left: they take no
-// lock and call nobody, so that is soon. Who holds a reference needs no such care: the pool has its ID.
+// A lookup may be in the pool while the destructor of its last ID takes it down. Uses therefore are counted,
+// and whoever takes the pool down waits until those that might still see it have left: they take no lock of
+// ours and call nobody, so that is soon. Who holds a reference needs no such care: the pool has its ID.
 //
 // Locks: the service's mutex guards making, the first ID included, and taking down. Threads: any.
 #pragma once
@@ -17,6 +17,39 @@
 #include "core/qel_lock.hpp"
 
 namespace qel::net {
+
+// Where a pool is found, or QEL_IDM_NO_POOL.
+class PoolPlace {
+  public:
+    // For the length of a scope the pool that is found here isn't destroyed.
+    class Use {
+      public:
+        explicit Use(PoolPlace& place) : uses_(place.uses_) {
+            uses_.fetch_add(1);
+            pool = place.pool_.load();
+        }
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+        ~Use() noexcept(false) { uses_.fetch_sub(1); }
+
+        std::uint32_t pool = QEL_IDM_NO_POOL;
+
+      private:
+        std::atomic<std::uint32_t>& uses_;
+    };
+
+    std::uint32_t get() const { return pool_.load(); }
+    void put(std::uint32_t pool) { pool_.store(pool); }
+    // Waits until the uses that have begun are over. False if one isn't after a second: in the child of a
+    // fork its thread may not exist.
+    bool await_uses() const;
+    // Takes the pool away and destroys it when its uses are over; if they don't end, it stays for good.
+    void destroy();
+
+  private:
+    std::atomic<std::uint32_t> pool_{QEL_IDM_NO_POOL};
+    std::atomic<std::uint32_t> uses_{0};
+};
 
 class HandlePool {
   public:
@@ -38,8 +71,8 @@ class HandlePool {
 
     template <class T>
     Retained<T> retain(std::uint32_t id) {
-        Lookup lookup{*this};
-        return Retained<T>{idm::retain(lookup.pool, id)};
+        PoolPlace::Use use{place_};
+        return Retained<T>{idm::retain(use.pool, id)};
     }
     // Calls visit(object) for every object that is not withdrawn, one reference at a time.
     template <class T, class Visit>
@@ -56,30 +89,16 @@ class HandlePool {
     cerrno release_and_withdraw(std::uint32_t id);
 
   private:
-    struct Lookup {
-        explicit Lookup(HandlePool& owner) : in_progress(owner.lookups_) {
-            in_progress.fetch_add(1);
-            pool = owner.pool_.load();
-        }
-        Lookup(const Lookup&) = delete;
-        Lookup& operator=(const Lookup&) = delete;
-        ~Lookup() { in_progress.fetch_sub(1); }
-
-        std::atomic<std::uint32_t>& in_progress;
-        std::uint32_t pool = QEL_IDM_NO_POOL;
-    };
-
     template <class T>
     Retained<T> next(std::uint32_t& id) {
-        Lookup lookup{*this};
-        return Retained<T>{idm::retain_next(lookup.pool, id, &id)};
+        PoolPlace::Use use{place_};
+        return Retained<T>{idm::retain_next(use.pool, id, &id)};
     }
     cerrno make_locked() QEL_REQUIRES(*shape_.mutex);
     void free_if_empty_locked() QEL_REQUIRES(*shape_.mutex);
 
     Shape shape_;
-    std::atomic<std::uint32_t> pool_{QEL_IDM_NO_POOL};
-    std::atomic<std::uint32_t> lookups_{0};
+    PoolPlace place_;
 };
 
 }  // namespace qel::net

@@ -18,6 +18,7 @@
 
 #include "core/qel_codes.hpp"
 #include "core/qel_lock.hpp"
+#include "net/qel_async.hpp"
 #include "net/qel_if.hpp"
 
 namespace qel {
@@ -81,6 +82,7 @@ cerrno qel_netinfra_init(uint32_t word) {
 
 cerrno qel_netinfra_fini(void) {
     qel_check_not_interrupt_path();
+    if (async::is_sync_thread()) return fatal(EDEADLK);
     Locked lock{netinfra_init_mutex};
     if (!netinfra_init_done.load()) return fatal(ENOENT);
     qel_async_impl_drain_ops();
