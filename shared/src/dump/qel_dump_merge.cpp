@@ -55,6 +55,7 @@ struct Source {
     const BufferHeader* mapping;  // the segment that the copy was made of
     Cursor next;                  // where the coming read begins
     Cursor end;                   // where it ends
+    bool overtaken;               // writers came around while it was copied: counts in it lead anywhere
     Range fresh;                  // blocks of the copy that the running read takes
     std::uint32_t stopper;        // block in front of which the last read ended, or kNone
     ControlEntry stopper_control;
@@ -133,11 +134,10 @@ void copy_news(Source& source, bool& lost) {
     else
         stop_at_reserved(live, source.fresh, source);
     source.dump->copy.refresh(live, source.fresh);
-    bool overtaken = false;  // by writers that came around meanwhile
     static_cast<void>(
-        range_between(live, {source.fresh.start, source.fresh.stamp}, cursor_of(live), overtaken));
+        range_between(live, {source.fresh.start, source.fresh.stamp}, cursor_of(live), source.overtaken));
     source.next = cursor_after(live, source.fresh);
-    lost |= overtaken || source.dump->copy.disturbed();
+    lost |= source.overtaken || source.dump->copy.disturbed();
 }
 
 // Calls visit() inside the buffer's gate, with the copy dropped if it isn't of the segment that is mapped
@@ -154,6 +154,7 @@ int visit_inside(Source& source, Visit visit) {
 
 int read_cursor(Source& source) {
     source.fresh.length = 0;
+    source.overtaken = false;
     return visit_inside(source, [&] {
         source.end = cursor_of(view_of(source.dump->handle->segment));
         return 0;
@@ -192,7 +193,7 @@ bool collect(qel_dt_mst& merged, std::uint32_t index, Place*& places) {
             Place{{}, entry.header.seconds, entry.header.nanoseconds, entry.header.sequence, index, block};
         static_cast<void>(qel_avl_insert(&merged.tree, &place->node));  // no two places are equal
     });
-    return whole || copy.disturbed();
+    return whole || copy.disturbed() || source.overtaken;
 }
 
 struct Giving {
