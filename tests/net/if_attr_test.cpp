@@ -191,6 +191,14 @@ TEST_F(IfAttr, rules_stand_in_the_entries_of_a_bulk_read) {
     EXPECT_EQ(qel_if_bulk_get_encap_dot1q(app(), handles, tags, results, 3), 0u);
     EXPECT_THAT(results, testing::ElementsAre(kUnsupported, 0xa0000005u, 0u));
     EXPECT_EQ(tags[0].word[0] + tags[1].word[0] + tags[2].word[0], 1u);
+
+    // Nobody has the attribute, and the rule tells why.
+    for (std::uint64_t ifh : handles) zero.values.erase({ifh, QEL_IF_ATTR_SPEED});
+    std::ranges::fill(speeds, 1);
+    zero.errors.clear();
+    EXPECT_EQ(qel_if_bulk_get_speed(app(), handles, speeds, results, 3), kUnsupported);
+    EXPECT_THAT(results, testing::ElementsAre(kUnsupported, kDown, kUnsupported));
+    EXPECT_THAT(speeds, testing::ElementsAre(1, 0, 0));
 }
 
 TEST_F(IfAttr, statistics_need_a_place_for_each) {

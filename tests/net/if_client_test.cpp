@@ -52,6 +52,58 @@ TEST(IfClient, shims_are_bound_in_order_and_unbound_when_one_refuses) {
     EXPECT_NE(pending.app, 0u);
 }
 
+// What a shim says of a bind that is under way reaches the client when it is over; and who holds a client
+// whose bind failed may go on reading.
+TEST(IfClient, callbacks_and_ends_wait_for_the_bind) {
+    static cerrno registered;
+    static std::atomic<int> told;
+    static qel_if_client* held;
+    registered = 1;
+    told = 0;
+    FakeShim zero{0}, one{1, false};
+    one.registration.handlers.bind = [](const Info* info) {
+        qel_if_shim_bind_status status;
+        qel_if_shim_bind_status_init(&status);
+        status.app = info->app;
+        EXPECT_EQ(qel_if_shim_report_bind_status(&status), 0u);
+        EXPECT_EQ(qel_if_retain_client_ctx(info->app, &held), 0u);
+        std::this_thread::sleep_for(20ms);
+        return FakeShim::of(info).bind_result;
+    };
+    one.enroll();
+    qel_dm_handle dm = 0;
+    ASSERT_EQ(qel_dm_create(&dm, "served", QEL_DM_PRIVATE), 0);
+    std::thread server([dm] {
+        while (qel_dm_wait(dm) == 0) qel_dm_dispatch(dm);
+    });
+    std::uint32_t app = 0, scope = 0;
+    qel_if_bind_attr attr;
+    qel_if_bind_attr_init(&attr);
+    attr.scope = &scope;
+    attr.qdm = dm;
+    attr.bind_status_cb = [](const qel_if_bind_status* status) {
+        const qel_if_event_cb_vector vector{};
+        std::uint32_t reg = 0;
+        registered = qel_if_register_callbacks(status->app, &vector, nullptr, 0, &reg);
+        ++told;
+    };
+    EXPECT_EQ(qel_if_bind(&app, "bound", &attr), 0u);
+    EXPECT_TRUE(eventually([] { return told == 1; }));
+    EXPECT_EQ(registered, 0u);
+    EXPECT_EQ(qel_if_release_client_ctx(held), 0u);
+    EXPECT_EQ(qel_if_destroy(&app), 0u);
+
+    zero.take_log();
+    one.bind_result = kDown;
+    EXPECT_EQ(qel_if_bind(&app, "refused", &attr), kDown);
+    EXPECT_EQ(zero.take_log(), "bind0 ");
+    EXPECT_EQ(qel_if_release_client_ctx(held), 0u);
+    EXPECT_EQ(zero.take_log(), "destroy0 ");
+    EXPECT_EQ(qel_dm_destroy(&dm), 0);
+    server.join();
+    EXPECT_EQ(told, 1);
+}
+
 TEST(IfClient, at_most_as_many_bind_as_the_parameter_of_the_first_says) {
     FakeShim shim{0};
     ASSERT_EQ(qel_ppm_set_integer("qel.if.max.bind", 2), 0);

@@ -178,7 +178,10 @@ TEST_F(IfEvent, filters_ask_the_shim_about_interfaces) {
          false},
         {"encap", [](qel_if_event_filter& f) { f.encap = QEL_IF_ENCAP_ETHER; }, nothing, true},
         {"other encap", [](qel_if_event_filter& f) { f.encap = QEL_IF_ENCAP_PPP; }, nothing, false},
-        {"itself", [](qel_if_event_filter& f) { f.ifh = 4; }, nothing, true},
+        {"itself", [](qel_if_event_filter& f) { f.ifh = 4; },
+         [](FakeShim& s) { s.set(4, QEL_IF_ATTR_BASE_IF, std::uint64_t{4}); }, true},
+        {"itself, exact", [](qel_if_event_filter& f) { f.ifh = 4, f.ifh_exact = 1; }, nothing, true},
+        {"itself, base unknown", [](qel_if_event_filter& f) { f.ifh = 4; }, nothing, false},
         {"base unknown", on_base, nothing, false},
         {"base", on_base, [](FakeShim& s) { s.set(4, QEL_IF_ATTR_BASE_IF, std::uint64_t{9}); }, true},
         {"exact", [](qel_if_event_filter& f) { f.ifh = 9, f.ifh_exact = 1; },
@@ -228,6 +231,15 @@ TEST_F(IfEvent, filters_ask_the_shim_about_interfaces) {
         EXPECT_EQ(report(2, 4), 0u);
         EXPECT_EQ(take_all().size(), one.passes ? 1u : 0u) << one.what;
     }
+}
+
+TEST_F(IfEvent, a_value_is_read_no_further_than_it_goes) {
+    IfClient client;
+    enlist(client);
+    const std::unique_ptr<std::uint32_t> word{new std::uint32_t{5}};
+    for (std::uint32_t cbid : {2u, 44u, 45u})
+        qel_if_event_demux_and_notify(4, cbid, word.get(), sizeof(*word));
+    EXPECT_THAT(take_all(), testing::ElementsAre(Got{2, 4, 5, 7}));
 }
 
 TEST_F(IfEvent, filters_know_the_object_of_a_family) {
@@ -301,6 +313,12 @@ TEST_F(IfEvent, what_waits_is_dropped_or_delivered_by_its_kind) {
     EXPECT_EQ(report(17, 4), 0u);
     const std::uint32_t old = reg;
     EXPECT_EQ(qel_if_deregister_callbacks(client.app, &reg), 0u);
+    // What waits for a registration that has gone keeps no handle from the next.
+    for (int i = 0; i < 300; ++i) {
+        std::uint32_t brief = enlist(client, nullptr, 9);
+        EXPECT_EQ(qel_if_shim_report_if_creation(4, &event), 0u);
+        EXPECT_EQ(qel_if_deregister_callbacks(client.app, &brief), 0u);
+    }
     const std::uint32_t again = enlist(client, nullptr, 8);
     client.dispatch_all();
     EXPECT_THAT(take_all(), testing::ElementsAre(Got{17, 4, 42, 7}));

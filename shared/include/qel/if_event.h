@@ -91,16 +91,17 @@ typedef struct qel_if_event_cb_vector {
 /** Which events pass. The conditions on the interface are for events of interfaces; a shim that filters by
  * itself is trusted to have seen to them. */
 typedef struct qel_if_event_filter {
-    uint32_t type;      /**< ::qel_if_type; QEL_IF_TYPE_ANY by default */
-    uint32_t encap;     /**< ::qel_if_encap; QEL_IF_ENCAP_ANY by default */
-    uint64_t ifh;       /**< the interface, not 0; QEL_IF_HANDLE_ANY by default. Another one names the only
-                             shim that is asked for events */
-    uint32_t ifh_exact; /**< 1: 'ifh' itself; else it or what stands on it */
-    uint32_t exclude;   /**< QEL_IF_EVENT_EXCLUDE_* */
-    uint64_t vrf;       /**< the VRF; 0 for all */
-    uint64_t bd;        /**< the bridge domain; 0 for all */
-    uint64_t word;      /**< 0; no reader */
-    uint64_t object;    /**< the object of the fourth family; 0 for all */
+    uint32_t type;  /**< ::qel_if_type; QEL_IF_TYPE_ANY by default */
+    uint32_t encap; /**< ::qel_if_encap; QEL_IF_ENCAP_ANY by default */
+    uint64_t ifh;   /**< the interface, not 0; QEL_IF_HANDLE_ANY by default. Another one names the only
+                         shim that is asked for events */
+    uint32_t
+        ifh_exact;    /**< 1: 'ifh' itself; else it or what stands on it, if the shim tells base interfaces */
+    uint32_t exclude; /**< QEL_IF_EVENT_EXCLUDE_* */
+    uint64_t vrf;     /**< the VRF; 0 for all */
+    uint64_t bd;      /**< the bridge domain; 0 for all */
+    uint64_t word;    /**< 0; no reader */
+    uint64_t object;  /**< the object of the fourth family; 0 for all */
 } qel_if_event_filter;
 
 /** Fills 'filter' with what lets everything pass; does nothing for null. */

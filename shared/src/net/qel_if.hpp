@@ -29,8 +29,10 @@ struct qel_if_client {
     const char* name;
     qel_if_bind_attr attr;  // a copy; its 'scope' points to a word of the client's own
     qel::net::ClientJobs if_client_event;
-    qel_if_shim_client* shim_ctx[QEL_IF_SHIM_SLOTS];  // null where the client has no shim
-    std::atomic<bool> closing;                        // it is being bound, or an unbind is at it
+    // Null where the client has no shim, and until that has bound it.
+    std::atomic<qel_if_shim_client*> shim_ctx[QEL_IF_SHIM_SLOTS];
+    std::atomic<bool> closing;  // it is being bound, or an unbind is at it
+    bool binding;               // callbacks wait for the bind's end; guarded by the mutex of its jobs
 };
 
 // A client's registration for events.
@@ -42,6 +44,7 @@ struct qel_if_reg {
     enum State : std::uint32_t { making, live, ending };
 
     std::uint32_t handle;
+    std::uint32_t serial;  // another one for each registration of a handle
     std::atomic<std::uint32_t> app_handle;
     qel_if_event_cb_vector vector;
     qel_if_event_filter* filter;
@@ -161,7 +164,7 @@ cerrno register_shims();
 // Frees slot 0.
 void deregister_shims();
 
-// Binds a client to all shims, or to none.
+// Binds a client to all shims. After a failure destroy_shims() is still to come, when nobody uses the client.
 cerrno bind_shims(Client& client);
 // Tells a client's shims that it is gone.
 void destroy_shims(Client& client);
@@ -195,11 +198,10 @@ constexpr std::uint32_t kEventJob = 1;   // of an interface, dropped when its re
 constexpr std::uint32_t kStatusJob = 2;  // of a binding
 constexpr std::uint32_t kReportJob = 3;  // of anything, delivered to who was registered
 
-// A job with copies of what 'event' points to, or nothing without memory. Its 'words' are: the cookie, or of
-// a kEventJob the registration, held; the registration's handle and the event; the sizes of the copies.
+// A job with copies of what 'event' points to, or nothing without memory. Its 'words' are: the cookie; the
+// registration's handle and the event; the sizes of the copies.
 Owned<net::Job> make_event_job(std::uint32_t type, const Registration& registration, const Event& event);
 void run_event_job(net::Job& job);
-void release_event_job(net::Job& job);
 
 // Calls the callback in the form that the event has.
 void dispatch_event(const Event& event, std::uint64_t cookie);
@@ -222,7 +224,8 @@ struct Family {
     static cerrno withdraw(std::uint32_t app) { return app_id_pool.release_and_withdraw(app); }
     static bool stops(const Client& client) { return is_gone(client.handle); }
     static void run(Client& client, net::Job& job);
-    static void drop(net::Job& job) { release_event_job(job); }
+    static void drop(net::Job&) {}
+    static bool& binding(Client& client) { return client.binding; }
 
     static void say_async_starting(const net::Operation& operation);
     static void say_sync_starting(const net::Operation& operation);

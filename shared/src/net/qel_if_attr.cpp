@@ -87,7 +87,7 @@ auto find_handler(const Client& client, std::uint64_t ifh, cerrno& error) {
 }
 
 const qel_if_shim_info* info_of(const Client& client, std::uint64_t ifh) {
-    return client.shim_ctx[shim_of(ifh)]->info;
+    return client.shim_ctx[shim_of(ifh)].load()->info;
 }
 
 }  // namespace
@@ -98,7 +98,7 @@ cerrno redirect(const Client& client, std::uint64_t ifh, std::uint32_t attr, std
     if (handler == nullptr) return 0;
     const qel_if_redirect request{ifh, attr};
     std::uint32_t other = shim;
-    if (cerrno error = handler(client.shim_ctx[shim]->info, &request, &other); error != 0)
+    if (cerrno error = handler(client.shim_ctx[shim].load()->info, &request, &other); error != 0)
         return unexpected_shim_code<"IFERROR106">(shim, error);
     if (other == shim) return 0;
     if_event<"IFEVENT100", "%s: shim %d attr '%s' ifh 0x%llx redirected to shim %d">(

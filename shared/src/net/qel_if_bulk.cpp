@@ -140,9 +140,9 @@ void apply_rule(Rule rule, const Targets& targets, Value* values, Read read) {
     }
 }
 
+// 'what' is the encapsulations if the rule is dot1q.
 template <class Value>
-cerrno apply_rule_of(std::uint32_t index, Client& client, const Targets& targets, Value* values) {
-    const Rule rule = kAttributes[index].rule;
+cerrno apply_rule_of(Rule rule, Client& client, const Targets& targets, Value* values, Needed& what) {
     if (rule == Rule::none) return 0;
     if (rule == Rule::layer3) {
         apply_rule(rule, targets, values, [&](std::uint32_t, std::size_t i, auto* out) {
@@ -153,9 +153,11 @@ cerrno apply_rule_of(std::uint32_t index, Client& client, const Targets& targets
         });
         return 0;
     }
-    const bool is_of_encap = rule == Rule::dot1q || rule == Rule::has_address;
-    Needed what, state;
-    cerrno error = what.read(client, targets, is_of_encap ? QEL_IF_ATTR_IF_ENCAP : QEL_IF_ATTR_IF_TYPE);
+    Needed state;
+    cerrno error = 0;
+    if (rule != Rule::dot1q)
+        error = what.read(client, targets,
+                          rule == Rule::has_address ? QEL_IF_ATTR_IF_ENCAP : QEL_IF_ATTR_IF_TYPE);
     if (error == 0 && rule == Rule::ethernet_up) error = state.read(client, targets, QEL_IF_ATTR_OPER_STATE);
     if (error != 0) return error;
     apply_rule(rule, targets, values, [&](std::uint32_t asked, std::size_t i, auto* out) {
@@ -164,12 +166,18 @@ cerrno apply_rule_of(std::uint32_t index, Client& client, const Targets& targets
     return 0;
 }
 
-// Reads an attribute of all into an array, by its rule.
+// Reads an attribute of all into an array, by its rule, which also tells why no entry has the attribute.
 template <class Value>
 cerrno read_values(Client& client, const Targets& targets, std::uint32_t index, Value* values) {
+    const Rule rule = kAttributes[index].rule;
+    Needed what;
+    if (rule == Rule::dot1q)
+        if (cerrno error = what.read(client, targets, QEL_IF_ATTR_IF_ENCAP); error != 0) return error;
     const cerrno error =
         read_all(client, targets, index, sizeof(Value), [values](std::size_t i) { return values + i; });
-    return error != 0 ? error : apply_rule_of(index, client, targets, values);
+    if (error != 0 && error != fatal(EOPNOTSUPP)) return error;
+    const cerrno of_rule = apply_rule_of(rule, client, targets, values, what);
+    return of_rule != 0 ? of_rule : error;
 }
 
 cerrno read_texts(Client& client, const Targets& targets, std::uint32_t index, char* const* buffers,

@@ -50,6 +50,7 @@ Owned<Client> create_and_init_app_ctx(const char* name, const qel_if_bind_attr& 
     if (!client || !scope) return {};
     *scope = *attr.scope;
     client->closing.store(true);
+    client->binding = true;
     client->name = name;
     client->attr = attr;
     client->attr.scope = scope.release();
@@ -84,6 +85,7 @@ cerrno bind(std::uint32_t* app, const char* name, qel_if_bind_attr& attr) {
     client->closing.store(false);
     *attr.scope = *client->attr.scope;
     *app = handle;
+    Frame::end_binding(*client, handle, attr.qdm);
     if_event<"IFEVENT021", "%s: done, apph=%#x, name=%s, scope=%d, qdm=%p, options=%#x, cb=%p cookie=%p">(
         handle, name, *attr.scope, attr.qdm, attr.options, address_of(attr.bind_status_cb), attr.cookie);
     return result;

@@ -166,10 +166,11 @@ bool has_word(const qel_if_shim_client& shim, std::uint64_t ifh, std::uint32_t i
 
 bool is_wanted_interface(const qel_if_shim_client& shim, std::uint64_t ifh,
                          const qel_if_event_filter& filter) {
-    if (filter.ifh == QEL_IF_HANDLE_ANY || filter.ifh == ifh) return true;
-    if (filter.ifh_exact == 1) return false;
+    if (filter.ifh == QEL_IF_HANDLE_ANY) return true;
+    if (filter.ifh_exact == 1) return filter.ifh == ifh;
     std::uint64_t base = 0;
-    return read_straight(shim, ifh, QEL_IF_ATTR_BASE_IF, base) == 0 && filter.ifh == base;
+    return read_straight(shim, ifh, QEL_IF_ATTR_BASE_IF, base) == 0 &&
+           (filter.ifh == ifh || filter.ifh == base);
 }
 
 // A question that fails changes nothing.
@@ -228,6 +229,8 @@ void reg_ctx_destructor(void* registration, void*) {
     reg_id_pool.free_if_empty();
 }
 
+constinit std::atomic<std::uint32_t> next_serial{0};
+
 // A registration without a handle, or nothing without memory.
 Owned<Registration> create_and_init_reg_ctx(const qel_if_event_cb_vector& vector,
                                             const qel_if_event_filter* filter, std::uint64_t cookie) {
@@ -241,6 +244,7 @@ Owned<Registration> create_and_init_reg_ctx(const qel_if_event_cb_vector& vector
     registration->vector = vector;
     registration->filter = copy.release();
     registration->cookie = cookie;
+    registration->serial = next_serial.fetch_add(1, std::memory_order_relaxed);
     return registration;
 }
 
@@ -311,18 +315,14 @@ void say_dropped(std::uint32_t app, const Event& event) {
 }
 
 void notify(Client& client, const Registration& registration, const Event& event) {
-    Retained<Registration> held = reg_id_pool.retain<Registration>(registration.handle);
-    if (!held) return;  // it is being ended
     Owned<net::Job> job = make_event_job(kEventJob, registration, event);
     if (!job) return static_cast<void>(no_memory<"IFERROR153">());  // dropped, and reported
-    job->words[0] = reinterpret_cast<std::uintptr_t>(held.get());
     if (const cerrno error = Frame::enqueue<NotifyLines>(client, client.handle, client.attr.qdm, *job);
         error != 0) {
         static_cast<void>(unexpected_code<"IFERROR154">(error));  // dropped, and reported
         return say_dropped(client.handle, event);
     }
-    static_cast<void>(job.release());   // the queue's now,
-    static_cast<void>(held.release());  // and the job's
+    static_cast<void>(job.release());  // the queue's now
 }
 
 // What lies behind a job of an event: the copies, each from a multiple of 16 on.
@@ -331,11 +331,6 @@ constexpr std::size_t padded(std::uint64_t size) {
     return (size + kAlign - 1) & ~(kAlign - 1);
 }
 constexpr std::uint64_t kMostBytes = 1u << 20;  // of an object or value
-
-// Who a kEventJob, which holds it, is for.
-Registration& registration_of(const net::Job& job) {
-    return *reinterpret_cast<Registration*>(job.words[0]);
-}
 
 std::byte* copies_of(net::Job& job) {
     return reinterpret_cast<std::byte*>(&job + 1);
@@ -362,6 +357,7 @@ Owned<net::Job> make_event_job(std::uint32_t type, const Registration& registrat
             .release())};
     if (!job) return job;
     job->type = type;
+    job->serial = registration.serial;
     job->handler = event.callback;
     job->words[0] = registration.cookie;
     job->words[1] = registration.handle | std::uint64_t{event.cbid} << 32;
@@ -380,13 +376,10 @@ void run_event_job(net::Job& job) {
                 job.words[2] >> 32};
     if (event.value_size != 0) event.value = copies_of(job) + padded(event.object_size);
     if (job.type == kReportJob) return dispatch_event(event, job.words[0]);
-    // An event of an interface is for who is registered still.
-    Registration& registration = registration_of(job);
-    if (registration.state.load() != Registration::ending) dispatch_event(event, registration.cookie);
-}
-
-void release_event_job(net::Job& job) {
-    if (job.type == kEventJob) static_cast<void>(reg_id_pool.release(registration_of(job).handle));
+    // An event of an interface is for who is registered still, and not for the next under its handle.
+    Retained<Registration> held = reg_id_pool.retain<Registration>(static_cast<std::uint32_t>(job.words[1]));
+    if (held && held->serial == job.serial && held->state.load() != Registration::ending)
+        dispatch_event(event, held->cookie);
 }
 
 void dispatch_event(const Event& event, std::uint64_t cookie) {
@@ -500,9 +493,11 @@ void qel_if_notify(qel_if_reg* reg, uint64_t ifh, uint32_t cbid, qel_if_event_cb
 
 void qel_if_event_demux_and_notify(uint64_t ifh, uint32_t cbid, const void* value, size_t size) {
     qel_check_not_interrupt_path();
+    const void* subject = size >= sizeof(std::uint64_t) ? value : nullptr;
     reg_id_pool.for_each<Registration>([&](Registration& registration) {
         const qel_if_event_cb callback = qel_if_event_get_callback(&registration.vector, cbid);
-        if (callback == nullptr || !qel_if_shim_match_event_filter(&registration, cbid, &ifh, value)) return;
+        if (callback == nullptr || !qel_if_shim_match_event_filter(&registration, cbid, &ifh, subject))
+            return;
         qel_if_notify(&registration, ifh, cbid, callback, value, size);
     });
 }

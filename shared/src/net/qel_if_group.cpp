@@ -24,7 +24,7 @@ cerrno ask_shims(Client& client, Ask ask) {
     for (std::uint32_t id = 0; id < QEL_IF_SHIM_SLOTS; ++id) {
         auto handler = handler_of<Handler>(client, id);
         if (handler == nullptr) continue;
-        const cerrno result = ask(handler, client.shim_ctx[id]->info, id);
+        const cerrno result = ask(handler, client.shim_ctx[id].load()->info, id);
         if (result != fatal(EOPNOTSUPP)) return result;
     }
     return fatal(EOPNOTSUPP);
@@ -87,14 +87,14 @@ cerrno qel_if_shim_group_iterator_get_next(qel_if_client* client, uint32_t type,
     constexpr auto kHandler = &qel_if_shim_handlers::group_iterator_get_next;
     const std::uint32_t shim = shim_of_iterator<kHandler>(*client, *it);
     if (shim == kNoShim) return fatal(EOPNOTSUPP);
-    return handler_of<kHandler>(*client, shim)(client->shim_ctx[shim]->info, type, it, id);
+    return handler_of<kHandler>(*client, shim)(client->shim_ctx[shim].load()->info, type, it, id);
 }
 
 cerrno qel_if_shim_group_iterator_end(qel_if_client* client, uint32_t type, qel_if_group_iterator* it) {
     constexpr auto kHandler = &qel_if_shim_handlers::group_iterator_end;
     const std::uint32_t shim = shim_of_iterator<kHandler>(*client, *it);
     if (shim == kNoShim) return fatal(EOPNOTSUPP);
-    return handler_of<kHandler>(*client, shim)(client->shim_ctx[shim]->info, type, it);
+    return handler_of<kHandler>(*client, shim)(client->shim_ctx[shim].load()->info, type, it);
 }
 
 // --- For clients

@@ -139,19 +139,21 @@ Owned<qel_if_shim_client> init_ctx(const Client& client, std::uint32_t id, cerrn
 }
 
 // Frees a client's record of a shim.
-void free_ctx(qel_if_shim_client*& place) {
-    Owned<qel_if_shim_client> record{std::exchange(place, nullptr)};
+void free_ctx(Owned<qel_if_shim_client> record) {
     Owned<qel_if_shim_info> info{record->info};
     record->magic = 0;
 }
 
 cerrno bind_shim(Client& client, std::uint32_t id) {
     cerrno error = 0;
-    client.shim_ctx[id] = init_ctx(client, id, error).release();
-    if (client.shim_ctx[id] == nullptr) return error == 0 ? 0 : no_memory<"IFERROR067">();
-    const cerrno result = client.shim_ctx[id]->handlers.bind(client.shim_ctx[id]->info);
-    if (result == 0 || result == warning(EAGAIN)) return result;
-    free_ctx(client.shim_ctx[id]);
+    Owned<qel_if_shim_client> record = init_ctx(client, id, error);
+    if (!record) return error == 0 ? 0 : no_memory<"IFERROR067">();
+    const cerrno result = record->handlers.bind(record->info);
+    if (result == 0 || result == warning(EAGAIN)) {
+        client.shim_ctx[id].store(record.release());
+        return result;
+    }
+    free_ctx(std::move(record));
     return unexpected_shim_code<"IFERROR068">(id, result);
 }
 
@@ -211,20 +213,19 @@ cerrno bind_shims(Client& client) {
     for (std::uint32_t id = 0; id < QEL_IF_SHIM_SLOTS; ++id) {
         if (!has_shim(id)) continue;
         result = bind_shim(client, id);
-        if (result == 0 || result == warning(EAGAIN)) continue;
-        destroy_shims(client);
-        return result;
+        if (result != 0 && result != warning(EAGAIN)) return result;
     }
     return result;
 }
 
 void destroy_shims(Client& client) {
-    for (qel_if_shim_client*& shim : client.shim_ctx) {
-        if (shim == nullptr) continue;
+    for (std::atomic<qel_if_shim_client*>& place : client.shim_ctx) {
+        Owned<qel_if_shim_client> shim{place.exchange(nullptr)};
+        if (!shim) continue;
         if (const cerrno error = shim->handlers.destroy(shim->info); error != 0)
             static_cast<void>(
                 unexpected_shim_code<"IFERROR074">(shim->id, error));  // it is over all the same
-        free_ctx(shim);
+        free_ctx(std::move(shim));
     }
 }
 
@@ -250,7 +251,7 @@ cerrno deregister_at_shims(Client& client, Registration& registration) {
     for (std::uint32_t id = 0; id < QEL_IF_SHIM_SLOTS; ++id) {
         Owned<qel_if_shim_reg> record{std::exchange(registration.shim_reg[id], nullptr)};
         if (!record) continue;
-        const qel_if_shim_client& shim = *client.shim_ctx[id];
+        const qel_if_shim_client& shim = *client.shim_ctx[id].load();
         const cerrno error = shim.handlers.deregister_callbacks(shim.info, record.get());
         if (error != 0) static_cast<void>(unexpected_shim_code<"IFERROR076">(id, error));  // returned
         if (first == 0) first = error;

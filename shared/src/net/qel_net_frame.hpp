@@ -9,6 +9,7 @@
 //         static std::atomic<bool>& closing(Client& client);  // true once an unbind is at it
 //         static cerrno withdraw(std::uint32_t handle);       // drops the binder's reference
 //         static bool stops(const Client& client);            // true: no more callbacks
+//         static bool& binding(Client& client);               // optional; true: callbacks wait for the bind
 //         static void run(Client& client, Job& job);          // a job of the family's own types
 //         static void drop(Job& job);                         // gives back what it holds, run or not
 //         ...and a line for each text, see Line below
@@ -131,6 +132,7 @@ class Frame {
         Locked lock{jobs.mutex};
         const bool was_empty = qel_queue_empty(&jobs.queue) != 0;
         qel_queue_enqueue(&jobs.queue, &job);
+        if (is_binding(client)) return 0;
         // A dispatcher that has gone since takes nothing any more, and its jobs stay in the queue unseen.
         int error = was_empty || qel_dm_is_handle(dispatcher) != 0 ? 0 : EINVAL;
         if (was_empty) {
@@ -142,6 +144,23 @@ class Frame {
                             cerr_strerror(static_cast<cerrno>(error)));
         static_cast<void>(qel_queue_unqueue(&jobs.queue, &job));
         return fatal(error);
+    }
+
+    // Ends a client's bind: what came for it meanwhile goes to its dispatcher.
+    static void end_binding(Client& client, std::uint32_t handle, qel_dm_handle dispatcher) {
+        bool dropped = false;
+        {
+            ClientJobs& jobs = Family::jobs_of(client);
+            Locked lock{jobs.mutex};
+            Family::binding(client) = false;
+            if (qel_queue_empty(&jobs.queue) != 0) return;
+            const int error = qel_dm_execute(dispatcher, dispatch, handle, 0);
+            dropped = error != 0;
+            if (dropped)
+                Family::Dropped::say(handle, dispatcher, static_cast<std::uint32_t>(jobs.queue.count),
+                                     cerr_strerror(static_cast<cerrno>(error)));
+        }
+        if (dropped) drain(client);
     }
 
     // Drops all that waits in the client's queue; the operations of results end.
@@ -260,6 +279,13 @@ class Frame {
     }
 
   private:
+    static bool is_binding(Client& client) {
+        if constexpr (requires { Family::binding(client); })
+            return Family::binding(client);
+        else
+            return false;
+    }
+
     static int is_of_client(const Operation* operation, void* handle) {
         const std::uint32_t client =
             std::atomic_ref{const_cast<std::uint32_t&>(operation->client_handle)}.load();
