@@ -182,7 +182,7 @@ typedef struct qel_if_bind_status {
     uint64_t cookie; /**< of the client's ::qel_if_bind_attr */
 } qel_if_bind_status;
 
-/** Tells a client how its binding stands. Runs on the client's dispatcher. */
+/** Tells a client how its binding stands. Runs on the client's dispatcher, when the bind is over. */
 typedef void (*qel_if_bind_status_cb)(const qel_if_bind_status* status);
 
 /** How a client binds. Read only during the call, save what 'scope' points to, which is also written. */

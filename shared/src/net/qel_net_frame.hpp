@@ -135,13 +135,9 @@ class Frame {
         if (is_binding(client)) return 0;
         // A dispatcher that has gone since takes nothing any more, and its jobs stay in the queue unseen.
         int error = was_empty || qel_dm_is_handle(dispatcher) != 0 ? 0 : EINVAL;
-        if (was_empty) {
-            Lines::Dispatching::say(dispatcher, static_cast<std::uint32_t>(jobs.queue.count));
-            error = qel_dm_execute(dispatcher, dispatch, handle, 0);
-        }
+        if (was_empty) error = schedule<Lines>(jobs, handle, dispatcher);
         if (error == 0) return 0;
-        Lines::Dropped::say(handle, dispatcher, static_cast<std::uint32_t>(jobs.queue.count),
-                            cerr_strerror(static_cast<cerrno>(error)));
+        say_dropped<Lines>(jobs, handle, dispatcher, error);
         static_cast<void>(qel_queue_unqueue(&jobs.queue, &job));
         return fatal(error);
     }
@@ -154,11 +150,9 @@ class Frame {
             Locked lock{jobs.mutex};
             Family::binding(client) = false;
             if (qel_queue_empty(&jobs.queue) != 0) return;
-            const int error = qel_dm_execute(dispatcher, dispatch, handle, 0);
+            const int error = schedule<Family>(jobs, handle, dispatcher);
             dropped = error != 0;
-            if (dropped)
-                Family::Dropped::say(handle, dispatcher, static_cast<std::uint32_t>(jobs.queue.count),
-                                     cerr_strerror(static_cast<cerrno>(error)));
+            if (dropped) say_dropped<Family>(jobs, handle, dispatcher, error);
         }
         if (dropped) drain(client);
     }
@@ -286,6 +280,19 @@ class Frame {
             return false;
     }
 
+    // Has the dispatcher empty the queue, which is locked.
+    template <class Lines>
+    static int schedule(const ClientJobs& jobs, std::uint32_t handle, qel_dm_handle dispatcher) {
+        Lines::Dispatching::say(dispatcher, static_cast<std::uint32_t>(jobs.queue.count));
+        return qel_dm_execute(dispatcher, dispatch, handle, 0);
+    }
+    template <class Lines>
+    static void say_dropped(const ClientJobs& jobs, std::uint32_t handle, qel_dm_handle dispatcher,
+                            int error) {
+        Lines::Dropped::say(handle, dispatcher, static_cast<std::uint32_t>(jobs.queue.count),
+                            cerr_strerror(static_cast<cerrno>(error)));
+    }
+
     static int is_of_client(const Operation* operation, void* handle) {
         const std::uint32_t client =
             std::atomic_ref{const_cast<std::uint32_t&>(operation->client_handle)}.load();
@@ -322,16 +329,16 @@ class Frame {
         return static_cast<Job*>(qel_queue_dequeue(&jobs.queue));
     }
 
-    static void dispatch(qel_dm_handle dispatcher, std::uint64_t handle, std::uint64_t) {
-        Retained<Client> client = Family::retain(static_cast<std::uint32_t>(handle));
+    static void dispatch(qel_dm_handle dispatcher, std::uint64_t data, std::uint64_t) {
+        const auto handle = static_cast<std::uint32_t>(data);
+        Retained<Client> client = Family::retain(handle);
         if (!client) return;
         // A callback may end its thread; who submits next trusts that somebody is at the queue.
         Undo left{[&client, dispatcher, handle] {
             ClientJobs& jobs = Family::jobs_of(*client);
             Locked lock{jobs.mutex};
             if (qel_queue_empty(&jobs.queue) == 0)
-                static_cast<void>(
-                    qel_dm_execute(dispatcher, dispatch, handle, 0));  // else the unbind drains it
+                static_cast<void>(schedule<Family>(jobs, handle, dispatcher));  // else the unbind drains it
         }};
         while (Job* job = next_job(*client)) {
             Owned<Job> owned{job};
