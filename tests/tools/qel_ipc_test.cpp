@@ -36,6 +36,10 @@ class QelIpc : public testing::Test {
         child_.reset();
         if (!name_.empty()) qel_ipc_cleanup(name_.c_str());
     }
+    void kill_child() {
+        Segment block{name_};
+        kill_outside_of_locks(*child_, block);
+    }
     std::unique_ptr<Child> child_;
     std::string name_;
 };
@@ -50,7 +54,7 @@ TEST_F(QelIpc, shows_the_living_and_the_dead_alike) {
     EXPECT_EQ(living.code, kFine) << living.output;
     EXPECT_THAT(living.output, AllOf(HasSubstr("channel " + name_ + ": active\n"),
                                      HasSubstr("checked: ledger, end points and rings agree\n")));
-    child_->kill();
+    kill_child();
     EXPECT_EQ(json("ipc ls", alive), pid + " False 1 64 63\n");
     Result list = qel("ipc ls");
     EXPECT_EQ(list.code, kFine);
@@ -61,7 +65,7 @@ TEST_F(QelIpc, shows_the_living_and_the_dead_alike) {
 }
 
 TEST_F(QelIpc, tells_what_is_wrong) {
-    child_->kill();
+    kill_child();
     ASSERT_EQ(Child("dies_with_lock", {name_, std::to_string(kShmMutex)}).wait(), 0);
     Result held = qel("ipc show " + name_);
     EXPECT_EQ(held.code, kFinding);
